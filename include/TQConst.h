@@ -1,0 +1,79 @@
+#pragma once
+// Enumerations shared with the regression support layer. Values are part of the interface.
+#include <cstdint>
+
+namespace TQConst {
+
+enum DistType : int32_t {
+  DistNormal = 0,
+  DistBinomial = 1,
+  DistGamma = 2,
+  DistInvGaussian = 3,
+  DistNegBinomial = 4,
+  DistPoisson = 5,
+  DistOrdinalMultinomial = 6,
+  DistTweedie = 7,
+  DistNominalMultinomial = 8
+};
+
+enum LinkType : int32_t {
+  LinkCLogLog = 0,
+  LinkIdentity = 1,
+  LinkLog = 2,
+  LinkLogC = 3,
+  LinkLogit = 4,
+  LinkNegBinomial = 5,
+  LinkNLogLog = 6,
+  LinkOddsPower = 7,
+  LinkPower = 8,
+  LinkProbit = 9,
+  LinkCumCauchit = 10,
+  LinkCumCLogLog = 11,
+  LinkCumLogit = 12,
+  LinkCumNLogLog = 13,
+  LinkCumProbit = 14,
+  LinkCumDefault = 15  // only CheckDistLink gives it a meaning (cumulative logit)
+};
+
+enum TQDependentType : int32_t {
+  DependentNone = 0,
+  DependentSingle = 1,
+  DependentEventsTrials = 2,
+  DependentEventsConstTrials = 3
+};
+
+enum TQOffsetType : int32_t { OffsetNone = 0, OffsetVariable = 1, OffsetValue = 2 };
+
+enum TQRegModelType : int32_t { RegModelOther = 0, RegModelBinaryOrNominal = 1, RegModelOrdinal = 2 };
+
+enum TQEffectAnalysisType : int32_t { EffectTypeI = 0, EffectTypeIII = 1, EffectTypeIAndIII = 2, EffectNone = 3 };
+
+enum TQConvType : int32_t { ConvAbsolute = 1, ConvRelative = 2 };
+
+// 2 Newton-Raphson, 3 hybrid; every other value (the default 1 included) is Fisher scoring.
+enum TQHessianCompMethod : int32_t { HessianFisher = 1, HessianNewtonRaphson = 2, HessianHybrid = 3 };
+
+enum TQCovbType : int32_t { CovbModelBased = 0, CovbRobust = 1 };
+
+// Passed through to the tests of effects and the marginal means.
+enum TQTestType : int32_t { TestChiSquare = 0, TestF = 1 };
+enum TQPAdjustMethod : int32_t {
+  PAdjLSD = 0,
+  PAdjBonferroni = 1,
+  PAdjSidak = 2,
+  PAdjSeqBonferroni = 3,
+  PAdjSeqSidak = 4
+};
+enum TQContrastType : int32_t {
+  ContrastPairwise = 0,
+  ContrastDeviation = 1,
+  ContrastDifference = 2,
+  ContrastHelmert = 3,
+  ContrastPolynomial = 4,
+  ContrastRepeated = 5,
+  ContrastSimple = 6,
+  ContrastNone = 7
+};
+enum TQEmmScaleType : int32_t { EmmScaleOriginal = 0, EmmScaleTransformed = 1 };
+
+}  // namespace TQConst
