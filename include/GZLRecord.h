@@ -28,6 +28,8 @@ class IGZLRecordSource {
   virtual ~IGZLRecordSource() = default;
   virtual bool HasMoreRecords() = 0;
   virtual const Record* NextRecord() = 0;
+  // The number of records when the source knows it, else -1. The engine never relies on it.
+  virtual long RecordCount() { return -1; }
   // 0 when positioned back on the first record; anything else means the source cannot rewind.
   virtual int Rewind() = 0;
 };
