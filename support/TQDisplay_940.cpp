@@ -21,12 +21,26 @@ std::string FormatDouble(double v, int digits) {
   return buf;
 }
 
-void Line(const std::string& label, const std::string& value) { Stream() << label << ": " << value << '\n'; }
+// "label: value". A label that already ends in a colon (possibly followed by blanks, as in
+// "Number of model effects: ") is not given a second one.
+void Label(std::ostream& out, const std::string& label) {
+  const auto end = label.find_last_not_of(' ');
+  if (end != std::string::npos && label[end] == ':')
+    out << label.substr(0, end + 1);
+  else
+    out << label << ':';
+}
+
+void Line(const std::string& label, const std::string& value) {
+  std::ostream& out = Stream();
+  Label(out, label);
+  out << ' ' << value << '\n';
+}
 
 template <class T, class F>
 void Vector(const std::string& label, const std::vector<T>& values, F format) {
   std::ostream& out = Stream();
-  out << label << ":";
+  Label(out, label);
   for (const T& v : values) out << ' ' << format(v);
   out << '\n';
 }

@@ -27,7 +27,8 @@ class ScopedStream {
   std::ostream* fpPrevious;
 };
 
-// Each prints one line "label: value" (vectors print their elements separated by blanks).
+// Each prints one line "label: value" (vectors print their elements separated by blanks); a
+// label that already ends in a colon, possibly followed by blanks, gets no second colon.
 void DisplayB(std::string label, bool value);
 void DisplayI(std::string label, int value);
 void DisplayD(std::string label, double value);   // general format, 6 significant digits
