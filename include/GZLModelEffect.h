@@ -14,8 +14,9 @@ class GZLModelEffect {
   GZLModelEffect() = default;
   GZLModelEffect(int factorsInModel, int covariatesInModel, const std::vector<int>* varIndices);
 
-  // Stores the counts and the index list, then resizes the main vector (new factor entries -1,
-  // new covariate entries 0). Existing entries are kept on purpose; Reset clears them.
+  // Stores the counts and the index list, then resizes the factor part of the main vector (new
+  // entries -1) and its covariate part (new entries 0). Existing entries are kept on purpose;
+  // Reset clears them.
   void Setup(int factorsInModel, int covariatesInModel, const std::vector<int>* varIndices);
   void Reset();
 

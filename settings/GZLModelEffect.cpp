@@ -13,13 +13,17 @@ GZLModelEffect::GZLModelEffect(int factorsInModel, int covariatesInModel, const 
 }
 
 void GZLModelEffect::Setup(int factorsInModel, int covariatesInModel, const std::vector<int>* varIndices) {
+  // Entries already there survive, so Setup on a used effect does not clear it: the factor
+  // part is resized (new entries -1), then the covariate part (new entries 0), each keeping
+  // its existing entries.
+  const auto oldFactors = std::min(fMainVector.size(), static_cast<std::size_t>(fFactorsInModel));
+  std::vector<int> covariatePart(fMainVector.begin() + static_cast<std::ptrdiff_t>(oldFactors), fMainVector.end());
   fFactorsInModel = std::max(0, factorsInModel);
   fCovariatesInModel = std::max(0, covariatesInModel);
   fpVarIndices = varIndices;
-  // Two steps on purpose: entries already there survive, so Setup on a used effect does not
-  // clear it.
   fMainVector.resize(static_cast<std::size_t>(fFactorsInModel), -1);
-  fMainVector.resize(static_cast<std::size_t>(fFactorsInModel + fCovariatesInModel), 0);
+  covariatePart.resize(static_cast<std::size_t>(fCovariatesInModel), 0);
+  fMainVector.insert(fMainVector.end(), covariatePart.begin(), covariatePart.end());
 }
 
 void GZLModelEffect::Reset() {
