@@ -21,6 +21,7 @@ void GZLModelEffect::Setup(int factorsInModel, int covariatesInModel, const std:
   fFactorsInModel = std::max(0, factorsInModel);
   fCovariatesInModel = std::max(0, covariatesInModel);
   fpVarIndices = varIndices;
+  fMainVector.resize(oldFactors);
   fMainVector.resize(static_cast<std::size_t>(fFactorsInModel), -1);
   covariatePart.resize(static_cast<std::size_t>(fCovariatesInModel), 0);
   fMainVector.insert(fMainVector.end(), covariatePart.begin(), covariatePart.end());
