@@ -167,8 +167,9 @@ inline double CauchitD2(double mu) noexcept {
 }
 inline double CauchyDensity(double x) noexcept { return 1.0 / (kPi * (1.0 + x * x)); }
 inline double CauchyDensityDeriv(double x) noexcept {
-  const double q = 1.0 + x * x;
-  return -2.0 * x / (kPi * q * q);
+  const double q = 1.0 + x * x;  // may overflow to infinity far out, where the result is 0
+  const double u = x / q;
+  return -2.0 * u / (kPi * q);
 }
 
 }  // namespace
