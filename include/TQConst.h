@@ -55,25 +55,27 @@ enum TQHessianCompMethod : int32_t { HessianFisher = 1, HessianNewtonRaphson = 2
 
 enum TQCovbType : int32_t { CovbModelBased = 0, CovbRobust = 1 };
 
-// Passed through to the tests of effects and the marginal means.
-enum TQTestType : int32_t { TestChiSquare = 0, TestF = 1 };
+// Passed through to the tests of effects and the marginal means. Test types 0 and 1 use t
+// quantiles, 2 and 3 normal quantiles.
+enum TQTestType : int32_t { TestType0 = 0, TestType1 = 1, TestType2 = 2, TestType3 = 3 };
 enum TQPAdjustMethod : int32_t {
-  PAdjLSD = 0,
+  PAdjNone = 0,
   PAdjBonferroni = 1,
-  PAdjSidak = 2,
-  PAdjSeqBonferroni = 3,
+  PAdjSeqBonferroni = 2,
+  PAdjSidak = 3,
   PAdjSeqSidak = 4
 };
 enum TQContrastType : int32_t {
-  ContrastPairwise = 0,
+  ContrastSimple = 0,
   ContrastDeviation = 1,
-  ContrastDifference = 2,
-  ContrastHelmert = 3,
-  ContrastPolynomial = 4,
-  ContrastRepeated = 5,
-  ContrastSimple = 6,
+  ContrastHelmert = 2,
+  ContrastDifference = 3,
+  ContrastRepeated = 4,
+  ContrastPolynomial = 5,
+  ContrastPairwise = 6,
   ContrastNone = 7
 };
+// 0: the response (mean) scale; 1: the scale of the linear predictor.
 enum TQEmmScaleType : int32_t { EmmScaleOriginal = 0, EmmScaleTransformed = 1 };
 
 }  // namespace TQConst

@@ -24,7 +24,7 @@ struct TQEmmeansSpec {
   std::vector<double> fMetricValues;
   // 0: means on the scale of the response; otherwise on the scale of the linear predictor.
   TQConst::TQEmmScaleType fEmmScaleType = TQConst::EmmScaleOriginal;
-  TQConst::TQPAdjustMethod fPAdjust = TQConst::PAdjLSD;
+  TQConst::TQPAdjustMethod fPAdjust = TQConst::PAdjNone;
 
   const std::vector<int>& GetFactors() const noexcept { return fFactors; }
   const std::vector<int>& GetFactorsNestLevel() const noexcept { return fFactorsNestLevel; }

@@ -140,8 +140,8 @@ class TQRegSettings {
   int fIterationFrequency = 1;
   double fConfidenceLevel = 0.95;
   TQConst::TQCovbType fCovbType = TQConst::CovbModelBased;
-  TQConst::TQTestType fTestType = TQConst::TestChiSquare;
-  TQConst::TQPAdjustMethod fPAdjustment = TQConst::PAdjLSD;
+  TQConst::TQTestType fTestType = TQConst::TestType0;
+  TQConst::TQPAdjustMethod fPAdjustment = TQConst::PAdjNone;
   TQQueryCancel* fpCancel = nullptr;
   std::vector<int32_t> fRoles;
 };
