@@ -115,3 +115,33 @@ TEST(Inference, AncillaryRows) {
     EXPECT_TRUE(Miss(r.GetStdError()) && Miss(r.GetLowerBound()) && Miss(r.GetWaldZ())) << bad;
   }
 }
+
+#include "inference/GZLOmnibusTest.h"
+
+TEST(Omnibus, StatisticAndClosedFormNull) {
+  double stat, df, sig;
+  // Chi-square on 2 df has survival exp(-x/2).
+  TQStatus st = GZLOmnibusTest::ComputeStatistic(-10.0, -15.0, 2.0, stat, df, sig);
+  EXPECT_TRUE(st.IsOK());
+  EXPECT_DOUBLE_EQ(stat, 10.0);
+  EXPECT_EQ(df, 2.0);
+  EXPECT_NEAR(sig, std::exp(-5.0), 1e-14);
+  // A null model that fits better than the full one: error 130076, everything missing.
+  st = GZLOmnibusTest::ComputeStatistic(-15.0, -10.0, 2.0, stat, df, sig);
+  EXPECT_TRUE(st.IsError());
+  EXPECT_EQ(st.GetErrorCode(), 130076);
+  EXPECT_TRUE(Miss(stat) && Miss(df) && Miss(sig));
+  st = GZLOmnibusTest::ComputeStatistic(TQMV::Missing, -10.0, 2.0, stat, df, sig);
+  EXPECT_EQ(st.GetErrorCode(), 130094);
+  // Same model on both sides (no effects): statistic 0 on 0 df.
+  st = GZLOmnibusTest::ComputeStatistic(-10.0, -10.0, 0.0, stat, df, sig);
+  EXPECT_TRUE(st.IsOK());
+  EXPECT_EQ(stat, 0.0);
+  EXPECT_EQ(df, 0.0);
+
+  int thresholds = -1;
+  const double ll = GZLOmnibusTest::OrdinalNullLogLikelihood({2.0, 0.0, 6.0, 2.0}, thresholds);
+  EXPECT_EQ(thresholds, 2);
+  EXPECT_NEAR(ll, 4.0 * std::log(0.2) + 6.0 * std::log(0.6), 1e-13);
+  EXPECT_TRUE(Miss(GZLOmnibusTest::OrdinalNullLogLikelihood({0.0, 0.0}, thresholds)));
+}
