@@ -1,0 +1,45 @@
+#pragma once
+// The gradient of the log-likelihood accumulated over one data pass: P entries for the
+// regression parameters and, when the scale or the negative binomial k is estimated by maximum
+// likelihood (a log-likelihood function is attached for it), the derivative in theta = log(phi)
+// or log(k).
+#include <vector>
+
+class GZLSettings;
+class IGZLLogLikeFunc;
+
+class GZLGradientVector {
+ public:
+  // llForExtra: the log-likelihood function that gives the derivative in theta; null switches
+  // the extra entry off.
+  GZLGradientVector(int nParams, IGZLLogLikeFunc* llForExtra, const GZLSettings* settings);
+
+  // Stores phi and zeroes every entry.
+  void Reset(double phi);
+
+  // One record: adds r x_j for the listed entries (indices of the non-zero design values of
+  // parameters in the model, `values` their design values) and, with the extra entry, the
+  // record's derivative in theta.
+  void UpdateForRow(const int* indices, const double* values, int count, double r, double paramDeriv) noexcept {
+    double* g = fGradient.data();
+    for (int a = 0; a < count; ++a) g[indices[a]] += r * values[a];
+    fScaleDeriv += paramDeriv;
+  }
+
+  // The P entries followed, when the extra entry is on, by the derivative in theta.
+  void GetGradient(std::vector<double>& out) const;
+  std::vector<double> GetGradient() const;
+  const std::vector<double>& GetBetaGradient() const noexcept { return fGradient; }
+  double GetScaleDeriv() const noexcept { return fScaleDeriv; }
+  bool HasExtraParam() const noexcept { return fpLogLikeFunc != nullptr; }
+  double GetPhi() const noexcept { return fPhi; }
+  int GetNumParams() const noexcept { return static_cast<int>(fGradient.size()); }
+  void Display() const;
+
+ private:
+  double fPhi = 1.0;
+  IGZLLogLikeFunc* fpLogLikeFunc;
+  std::vector<double> fGradient;
+  double fScaleDeriv = 0.0;
+  const GZLSettings* fpSettings;
+};

@@ -1,0 +1,439 @@
+#include "estimation/GZLStatFactory.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <type_traits>
+
+#include "GZLConst_940.h"
+#include "GZLProgress.h"
+#include "data/GZLDesignRow.h"
+#include "estimation/IGZLRowSource.h"
+#include "families/GZLLogLikeFunc.h"
+#include "families/GZLVarianceFunctions.h"
+#include "support/ITQLinkFunc.h"
+#include "support/LinkFunctions.h"
+#include "support/TQDisplay_940.h"
+#include "support/TQMV.h"
+
+namespace {
+
+// Calls on the concrete function classes are qualified, so that they bind statically; on the
+// abstract interfaces they stay virtual.
+template <class T>
+inline constexpr bool kDynamic = std::is_abstract_v<T>;
+
+template <class L>
+inline double LinkMu(const L* link, double eta) {
+  int st = 0;
+  double mu;
+  if constexpr (kDynamic<L>)
+    mu = link->GetMu(eta, &st);
+  else
+    mu = link->L::GetMu(eta, &st);
+  return st != 0 ? TQMV::Missing : mu;
+}
+template <class L>
+inline double LinkD1(const L* link, double mu) {
+  if constexpr (kDynamic<L>)
+    return link->GetFirstDeriv(mu, nullptr);
+  else
+    return link->L::GetFirstDeriv(mu, nullptr);
+}
+template <class L>
+inline double LinkD2(const L* link, double mu) {
+  if constexpr (kDynamic<L>)
+    return link->GetSecondDeriv(mu, nullptr);
+  else
+    return link->L::GetSecondDeriv(mu, nullptr);
+}
+template <class V>
+inline double Variance(const V* var, double mu) {
+  if constexpr (kDynamic<V>)
+    return var->GetVariance(mu);
+  else
+    return var->V::GetVariance(mu);
+}
+template <class V>
+inline double VarianceDeriv(const V* var, double mu) {
+  if constexpr (kDynamic<V>)
+    return var->GetVarianceDeriv(mu);
+  else
+    return var->V::GetVarianceDeriv(mu);
+}
+template <class LL>
+inline double Kernel(LL* ll, double y, double mu, double f, double s) {
+  if constexpr (kDynamic<LL>)
+    return ll->AddKernel(y, mu, f, s);
+  else
+    return ll->LL::AddKernel(y, mu, f, s);
+}
+
+inline bool IsCancelled(TQQueryCancel* cancel) { return cancel != nullptr && cancel->IsCancelled(); }
+
+// eta = o + x'beta, with four partial sums so that the products do not wait on each other.
+inline double LinearPredictor(const double* x, const double* beta, int n, double offset) noexcept {
+  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+  int j = 0;
+  for (; j + 4 <= n; j += 4) {
+    s0 += x[j] * beta[j];
+    s1 += x[j + 1] * beta[j + 1];
+    s2 += x[j + 2] * beta[j + 2];
+    s3 += x[j + 3] * beta[j + 3];
+  }
+  for (; j < n; ++j) s0 += x[j] * beta[j];
+  return offset + ((s0 + s1) + (s2 + s3));
+}
+
+}  // namespace
+
+GZLStatFactory::GZLStatFactory(IGZLRowSource& source, const GZLSettings& settings)
+    : fpSource(&source),
+      fpSettings(&settings),
+      fDistType(settings.GetDistType()),
+      fDistParam(settings.GetDistParam()),
+      fNCases(source.GetNumObservations()),
+      fNParams(std::max(source.GetNumParameters(), 0)),
+      fLinkType(settings.GetLinkType()),
+      fLinkParam(settings.GetLinkParam()),
+      fLogLikelihood(TQMV::Missing),
+      fbBinomial(settings.GetDistType() == TQConst::DistBinomial),
+      fInitRedunInfo(fNParams, true) {
+  ResetSeparationStats();
+  if (!settings.IsValid()) fStatus = TQStatus::Error(GZLStatusCode::InvalidSettings);
+  fpLinkFunc.reset(CreateLinkFunction(fLinkType, fLinkParam));
+  fpLogLikeFunc.reset(CreateLogLikeFunction(fDistType, fNCases, fDistParam, fLinkType));
+  fpVarianceFunc.reset(CreateVarianceFunction(fDistType, fDistParam));
+  fbMultinomial = settings.IsMultinomial();
+  fbTweedie = fDistType == TQConst::DistTweedie;
+  fbExtra = settings.GetScaleType() == GZLConst_940::ScaleMLE ||
+            (fDistType == TQConst::DistNegBinomial && settings.GetDistParamType() == GZLConst_940::DistParamMLE);
+  fbBinarySingle = settings.IsSingleDependentForBinomial();
+  fEventValue = settings.GetDependentRefCateg() == 0 ? 1.0 : 0.0;
+  IGZLLogLikeFunc* extraLL = fbExtra ? fpLogLikeFunc.get() : nullptr;
+  fpGradientFunc = std::make_unique<GZLGradientVector>(fNParams, extraLL, &settings);
+  fpHessianFunc = std::make_unique<GZLHessianMatrix>(fNParams, extraLL, settings);
+  if (fStatus.IsOK() && (!fpLinkFunc || !fpLogLikeFunc || (!fbMultinomial && !fpVarianceFunc)))
+    fStatus = TQStatus::Error(GZLStatusCode::InternalError);
+  fRowIndices.assign(static_cast<std::size_t>(fNParams), 0);
+  fRowValues.assign(static_cast<std::size_t>(fNParams), 0.0);
+  fInitRedunInfo.GetSetIndices(fModelIndices);
+
+  // The compiled record steps, used only when the objects are of the expected classes.
+  auto is = [](auto* p, auto* typed) { return p != nullptr && typed != nullptr; };
+  ITQLinkFunc* link = fpLinkFunc.get();
+  IGZLVarianceFunc* var = fpVarianceFunc.get();
+  IGZLLogLikeFunc* ll = fpLogLikeFunc.get();
+  if (fDistType == TQConst::DistPoisson && fLinkType == TQConst::LinkLog &&
+      is(link, dynamic_cast<TQLinkLog*>(link)) && is(var, dynamic_cast<GZLVariancePoisson*>(var)) &&
+      is(ll, dynamic_cast<GZLLogLikePoisson*>(ll)))
+    fStepKind = StepPoissonLog;
+  else if (fDistType == TQConst::DistBinomial && fLinkType == TQConst::LinkLogit &&
+           is(link, dynamic_cast<TQLinkLogit*>(link)) && is(var, dynamic_cast<GZLVarianceBinomial*>(var)) &&
+           is(ll, dynamic_cast<GZLLogLikeBinomial*>(ll)))
+    fStepKind = StepBinomialLogit;
+  else if (fDistType == TQConst::DistNormal && fLinkType == TQConst::LinkIdentity &&
+           is(link, dynamic_cast<TQLinkIdentity*>(link)) && is(var, dynamic_cast<GZLVarianceNormal*>(var)) &&
+           is(ll, dynamic_cast<GZLLogLikeNormal*>(ll)))
+    fStepKind = StepNormalIdentity;
+  else if (fDistType == TQConst::DistGamma && fLinkType == TQConst::LinkLog &&
+           is(link, dynamic_cast<TQLinkLog*>(link)) && is(var, dynamic_cast<GZLVarianceGamma*>(var)) &&
+           is(ll, dynamic_cast<GZLLogLikeGamma*>(ll)))
+    fStepKind = StepGammaLog;
+}
+
+GZLStatFactory::~GZLStatFactory() = default;
+
+void GZLStatFactory::ResetSeparationStats() noexcept {
+  fMinP = DBL_MAX;
+  fMaxP = -DBL_MAX;
+  fMinPi = DBL_MAX;
+}
+
+void GZLStatFactory::SetRedundancy(const TQBitSet& inModel) {
+  fInitRedunInfo = inModel;
+  fInitRedunInfo.Resize(fNParams, false);
+  fInitRedunInfo.GetSetIndices(fModelIndices);
+}
+
+bool GZLStatFactory::SetDistParam(double k) {
+  if (!fpLogLikeFunc || !fpHessianFunc || !fpLinkFunc) return false;
+  if (fpVarianceFunc) fpVarianceFunc->SetParam(k);
+  fpLogLikeFunc->SetParam(k);
+  fpHessianFunc->SetDistParam(k);
+  if (fLinkType == TQConst::LinkNegBinomial) fpLinkFunc->SetParam(k);
+  fDistParam = k;
+  return true;
+}
+
+void GZLStatFactory::ResetAccumulators(double phi, bool useExpected) {
+  fPhi = phi;
+  ResetSeparationStats();
+  if (fpLogLikeFunc) fpLogLikeFunc->Reset(phi);
+  fpGradientFunc->Reset(phi);
+  fpHessianFunc->Reset(phi, useExpected);
+}
+
+template <class Link, class Var, class LL>
+inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bool llOnly, bool extra,
+                                 const Link* link, Var* var, LL* ll, double& muOut) {
+  const double* x = row.fValues.data();
+  const double eta = LinearPredictor(x, beta, fNParams, row.fOffset);
+  const double mu = LinkMu(link, eta);
+  muOut = mu;
+  if (TQMV::IsMissing(mu)) return false;
+  double y = row.fResponse;
+  if (fbBinarySingle) y = (y == fEventValue) ? 1.0 : 0.0;
+  const double f = row.fFreqWeight;
+  const double s = row.fScaleWeight;
+  bool valid = !TQMV::IsMissing(Kernel(ll, y, mu, f, s));
+  if (valid && !llOnly) {
+    const double V = Variance(var, mu);
+    const double Vd = VarianceDeriv(var, mu);
+    const double g1 = LinkD1(link, mu);
+    const double g2 = LinkD2(link, mu);
+    if (TQMV::IsMissing(V) || TQMV::IsMissing(Vd) || TQMV::IsMissing(g1) || TQMV::IsMissing(g2)) {
+      valid = false;
+    } else if (V > 0.0 && g1 != 0.0 && fPhi > 0.0) {
+      double pd = 0.0, pd2 = 0.0;
+      if (extra) {
+        pd = ll->GetParamDeriv(mu, y, f, s);
+        pd2 = ll->GetParamDeriv2(mu, y, f, s);
+        if (TQMV::IsMissing(pd) || TQMV::IsMissing(pd2)) valid = false;
+      }
+      if (valid) {
+        // The record in sparse form: parameters in the model with a non-zero design value.
+        int* idx = fRowIndices.data();
+        double* val = fRowValues.data();
+        int m = 0;
+        for (const int j : fModelIndices) {
+          const double xj = x[j];
+          if (xj != 0.0) {
+            idx[m] = j;
+            val[m] = xj;
+            ++m;
+          }
+        }
+        const double w = f * s;
+        const double r = w * (y - mu) / (g1 * V * fPhi);
+        fpGradientFunc->UpdateForRow(idx, val, m, r, pd);
+        const double W = fpHessianFunc->RecordWeight(w, y, mu, V, Vd, g1, g2);
+        const double c = extra ? fpHessianFunc->ExtraRowFactor(w, y, mu, V, g1) : 0.0;
+        fpHessianFunc->UpdateForRow(idx, val, m, W, c, pd2);
+      }
+    } else {
+      valid = false;
+    }
+  }
+  // A binomial mean on the closed interval [0, 1] is a fitted probability: the record takes part
+  // in the separation statistics and never counts as bad (V = 0 at 0 and 1 must not make it so).
+  if (fbBinomial && mu >= 0.0 && mu <= 1.0) {
+    if (fbBinarySingle) {
+      const double p = (y == 1.0) ? mu : 1.0 - mu;
+      const double m = std::min(mu, 1.0 - mu);
+      if (p < fMinP) fMinP = p;
+      if (p > fMaxP) fMaxP = p;
+      if (m < fMinPi) fMinPi = m;
+    }
+    valid = true;
+  }
+  if (valid && fbComputeConstant) {
+    double trials = row.fTrials, events = row.fEvents;
+    if (fbBinarySingle) {
+      trials = 1.0;
+      events = y;
+    }
+    ll->AddConstant(y, f, s, trials, events);
+  }
+  return valid;
+}
+
+template <class Link, class Var, class LL>
+void GZLStatFactory::RunRecords(const double* beta, bool llOnly, PassCounts& counts) {
+  const Link* link = static_cast<const Link*>(fpLinkFunc.get());
+  Var* var = static_cast<Var*>(fpVarianceFunc.get());
+  LL* ll = static_cast<LL*>(fpLogLikeFunc.get());
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  const bool extra = fbExtra;
+  const std::size_t P = static_cast<std::size_t>(fNParams);
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    double mu = TQMV::Missing;
+    bool ok = false;
+    if (row->fbInvalid || row->fValues.size() != P)
+      ++counts.flagged;
+    else
+      ok = Step(*row, beta, llOnly, extra, link, var, ll, mu);
+    if (ok) {
+      ++counts.valid;
+      if (!TQMV::IsMissing(mu)) counts.sumMu += mu;
+    } else {
+      ++counts.invalid;
+    }
+    if (IsCancelled(cancel)) {
+      counts.cancelled = true;
+      return;
+    }
+  }
+}
+
+bool GZLStatFactory::UpdateForRow(const GZLDesignRow& row, const std::vector<double>& beta, bool llOnly) {
+  if (!fStatus.IsOK() || fbMultinomial || static_cast<int>(beta.size()) < fNParams) return false;
+  if (row.fbInvalid || row.fValues.size() != static_cast<std::size_t>(fNParams)) return false;
+  double mu = TQMV::Missing;
+  return Step<ITQLinkFunc, IGZLVarianceFunc, IGZLLogLikeFunc>(row, beta.data(), llOnly, fbExtra, fpLinkFunc.get(),
+                                                              fpVarianceFunc.get(), fpLogLikeFunc.get(), mu);
+}
+
+TQStatus GZLStatFactory::RunTweedieBoundaries(double phi) {
+  auto* tweedie = dynamic_cast<GZLLogLikeTweedie*>(fpLogLikeFunc.get());
+  if (tweedie == nullptr) return TQStatus::Error(GZLStatusCode::InternalError);
+  if (!fpSource->RestartPass()) return TQStatus::Error(GZLStatusCode::NewPass);
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  if (IsCancelled(cancel)) return TQStatus::Error(1);
+  tweedie->SetPhi(phi);
+  tweedie->StartIndexBoundaryPass();
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    tweedie->AddIndexBoundaryRecord(row->fResponse, row->fScaleWeight);
+    if (IsCancelled(cancel)) return TQStatus::Error(1);
+  }
+  const TQStatus st = tweedie->FinishIndexBoundaryPass();
+  if (st.IsOK()) fBoundaryPhi = phi;
+  return st;
+}
+
+void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<double>& beta, double phi,
+                                          bool useExpected, bool llOnly, bool plainMatrices) {
+  status.Clear();
+  if (!fStatus.IsOK()) {
+    status = fStatus;
+    return;
+  }
+  if (static_cast<int>(beta.size()) < fNParams) {
+    status = TQStatus::Error(GZLStatusCode::InternalError);
+    return;
+  }
+  ResetSeparationStats();
+  fPhi = phi;
+  fpLogLikeFunc->Reset(phi);
+  fLogLikelihood = TQMV::Missing;
+  fNValid = fNInvalid = fNFlagged = 0;
+  fSumMu = 0.0;
+  if (fbMultinomial) {
+    // The ordinal and nominal accumulators are not part of this build.
+    status = TQStatus::Error(GZLStatusCode::CantBuildModel);
+    return;
+  }
+  if (fbTweedie) {
+    auto* tweedie = dynamic_cast<GZLLogLikeTweedie*>(fpLogLikeFunc.get());
+    const bool haveBoundaries = tweedie != nullptr && tweedie->HasIndexBoundaries() && phi == fBoundaryPhi;
+    if (fpSettings->GetScaleType() == GZLConst_940::ScaleMLE || !haveBoundaries) {
+      status = RunTweedieBoundaries(phi);
+      if (!status.IsOK()) return;
+    }
+    fpLogLikeFunc->Reset(phi);
+  }
+  if (!llOnly) {
+    fpGradientFunc->Reset(phi);
+    fpHessianFunc->Reset(phi, useExpected);
+  }
+  if (!fpSource->RestartPass()) {
+    status = TQStatus::Error(GZLStatusCode::NewPass);
+    return;
+  }
+  if (IsCancelled(fpSettings->GetCancelPointer())) {
+    status = TQStatus::Error(1);
+    return;
+  }
+
+  PassCounts counts;
+  const double* b = beta.data();
+  switch (fbForceGeneric ? StepGeneric : fStepKind) {
+    case StepPoissonLog:
+      RunRecords<TQLinkLog, GZLVariancePoisson, GZLLogLikePoisson>(b, llOnly, counts);
+      break;
+    case StepBinomialLogit:
+      RunRecords<TQLinkLogit, GZLVarianceBinomial, GZLLogLikeBinomial>(b, llOnly, counts);
+      break;
+    case StepNormalIdentity:
+      RunRecords<TQLinkIdentity, GZLVarianceNormal, GZLLogLikeNormal>(b, llOnly, counts);
+      break;
+    case StepGammaLog:
+      RunRecords<TQLinkLog, GZLVarianceGamma, GZLLogLikeGamma>(b, llOnly, counts);
+      break;
+    default:
+      RunRecords<ITQLinkFunc, IGZLVarianceFunc, IGZLLogLikeFunc>(b, llOnly, counts);
+      break;
+  }
+  fNValid = counts.valid;
+  fNInvalid = counts.invalid;
+  fNFlagged = counts.flagged;
+  fSumMu = counts.sumMu;
+  if (counts.cancelled) {
+    status = TQStatus::Error(1);
+    return;
+  }
+  if (fNInvalid > 0 && fNValid == 0) {
+    status = TQStatus::Error(GZLStatusCode::AllInvalidRecordsForLinkFunction);
+    return;
+  }
+  fLogLikelihood = fpLogLikeFunc->GetKernel();
+  fLogLikeConstant = fbComputeConstant ? fpLogLikeFunc->GetNonKernel() : TQMV::Missing;
+  if (TQMV::IsMissingOrInfinite(fLogLikelihood)) {
+    fLogLikelihood = TQMV::Missing;
+    status = TQStatus::Error(GZLStatusCode::CantBuildModel);
+    return;
+  }
+  if (!llOnly) {
+    if (plainMatrices) {
+      fGradient = fpGradientFunc->GetBetaGradient();
+      fHessian = fpHessianFunc->GetBetaBlock();
+    } else {
+      fpGradientFunc->GetGradient(fGradient);
+      fpHessianFunc->GetHessian(fHessian);
+    }
+  }
+}
+
+void GZLStatFactory::CheckSeparation(TQStatus& status) const {
+  status.Clear();
+  TQSymMatrix factor(fHessian);
+  std::vector<double> diagonal;
+  factor.GetDiagonal(diagonal);
+  TQBitSet set;
+  factor.LTChol(diagonal, fpSettings->GetTolerance(), set, false);
+  bool nearSingular = false;
+  for (int i = 0; i < factor.GetNumRows(); ++i) {
+    if (factor(i, i) < 0.000316 && fInitRedunInfo.Test(i)) {
+      nearSingular = true;
+      break;
+    }
+  }
+  if (1.0 - fMinP < 0.01)
+    status = TQStatus::Warning(GZLStatusCode::CompleteSeparation);
+  else if (nearSingular && (fMaxP > 0.99 || fMinPi < 0.001))
+    status = TQStatus::Warning(GZLStatusCode::QuasiCompleteSeparation);
+}
+
+void GZLStatFactory::Display() const {
+  using namespace TQDisplay_940;
+  DisplayText(1, "GZLStatFactory display start");
+  DisplayC("Distribution type", fDistType);
+  DisplayD("Distribution parameter", fDistParam);
+  DisplayD("Sum of frequency weights in complete cases", fNCases);
+  DisplayI("Number of parameters", fNParams);
+  DisplayC("Link function type", fLinkType);
+  DisplayD("Link function parameter", fLinkParam);
+  if (fpLogLikeFunc) fpLogLikeFunc->Display();
+  fpGradientFunc->Display();
+  fpHessianFunc->Display();
+  DisplayD("Log likelihood value", fLogLikelihood);
+  DisplayDV("The gradient vector", fGradient, false);
+  fHessian.Display("The Hessian matrix: ");
+  DisplayI("Number of invalid records", fNInvalid);
+  DisplayB("Binomial distribution indicator", fbBinomial);
+  DisplayText(1, "The initial redundancy indicators: ");
+  fInitRedunInfo.Display();
+  DisplayD("Smallest fitted probability of the observed category", fMinP);
+  DisplayD("Largest fitted probability of the observed category", fMaxP);
+  DisplayD("Smallest fitted probability", fMinPi);
+  DisplayText(1, "GZLStatFactory display end");
+}

@@ -1,0 +1,161 @@
+#pragma once
+// One data pass of the estimation: turns the current parameter vector into the log-likelihood,
+// its gradient and the information matrix over all valid records, extended by the row of
+// theta = log(phi) or log(k) when the scale or the negative binomial k is estimated by maximum
+// likelihood. The same pass gathers the fitted-probability extremes on which the separation
+// check of binary models rests.
+//
+// The factory owns the link, variance and log-likelihood function objects of the model and the
+// two accumulators. The per-record step is compiled once per common distribution/link pair
+// against the concrete function classes (no virtual dispatch, no allocation, no settings lookup
+// in the record loop); other pairs go through the abstract interfaces.
+#include <memory>
+#include <vector>
+
+#include "GZLSettings.h"
+#include "estimation/GZLGradientVector.h"
+#include "estimation/GZLHessianMatrix.h"
+#include "support/TQBitSet.h"
+#include "support/TQStatus.h"
+#include "support/TQSymMatrix.h"
+
+class IGZLRowSource;
+class ITQLinkFunc;
+class IGZLVarianceFunc;
+class IGZLLogLikeFunc;
+struct GZLDesignRow;
+
+class GZLStatFactory {
+ public:
+  // Which compiled record step a pass uses.
+  enum StepKind : int { StepGeneric = 0, StepPoissonLog, StepBinomialLogit, StepNormalIdentity, StepGammaLog };
+
+  GZLStatFactory(IGZLRowSource& source, const GZLSettings& settings);
+  ~GZLStatFactory();
+  GZLStatFactory(const GZLStatFactory&) = delete;
+  GZLStatFactory& operator=(const GZLStatFactory&) = delete;
+
+  // OK, or the error met while building the function objects (130009 for invalid settings,
+  // 130094 when a function object cannot be made).
+  TQStatus GetStatus() const noexcept { return fStatus; }
+
+  // One full data pass at beta (P values; a longer vector is cut to P) and phi. llOnly: only the
+  // log-likelihood. plainMatrices: hand out the P-sized gradient and information even when the
+  // extra parameter is estimated. Errors: 130089 (source cannot rewind), 1 (cancelled), 130073
+  // (no valid record), 130018 (log-likelihood missing, or a multinomial model, whose accumulators
+  // are not available in this build).
+  void ComputeLLGradHessian(TQStatus& status, const std::vector<double>& beta, double phi, bool useExpected,
+                            bool llOnly, bool plainMatrices);
+
+  // One record through the generic step, outside a pass (the accumulators must have been reset
+  // by a pass, or by ResetAccumulators). True when the record is valid.
+  bool UpdateForRow(const GZLDesignRow& row, const std::vector<double>& beta, bool llOnly);
+  void ResetAccumulators(double phi, bool useExpected);
+
+  // The negative binomial k to the variance, log-likelihood, Hessian accumulator and (negative
+  // binomial link) link objects. False when one of them is missing.
+  bool SetDistParam(double k);
+  double GetDistParam() const noexcept { return fDistParam; }
+
+  // Separation decision for the last pass: warning 130044, 130045 or OK.
+  void CheckSeparation(TQStatus& status) const;
+
+  // Parameters in the model (set bit) receive gradient and information contributions.
+  void SetRedundancy(const TQBitSet& inModel);
+  const TQBitSet& GetRedundancy() const noexcept { return fInitRedunInfo; }
+
+  // Also accumulate the non-kernel part of the log-likelihood over the valid records of the
+  // next passes (GetLogLikeConstant).
+  void SetComputeConstant(bool on) noexcept { fbComputeConstant = on; }
+  // Force the generic record step (the compiled steps must give the same sums).
+  void SetUseGenericStep(bool on) noexcept { fbForceGeneric = on; }
+  StepKind GetStepKind() const noexcept { return fStepKind; }
+
+  // ---- results of the last pass ----
+  double GetLogLikelihood() const noexcept { return fLogLikelihood; }
+  double GetLogLikeConstant() const noexcept { return fLogLikeConstant; }
+  const std::vector<double>& GetGradient() const noexcept { return fGradient; }
+  const TQSymMatrix& GetHessian() const noexcept { return fHessian; }
+  int GetNumInvalidRecords() const noexcept { return fNInvalid; }
+  int GetNumValidRecords() const noexcept { return fNValid; }
+  // Rows the design matrix could not complete (flagged invalid) among the invalid records.
+  int GetNumFlaggedRows() const noexcept { return fNFlagged; }
+  // Unweighted sum of the fitted means of the valid records.
+  double GetSumFittedMeans() const noexcept { return fSumMu; }
+  double GetMinObservedProb() const noexcept { return fMinP; }
+  double GetMaxObservedProb() const noexcept { return fMaxP; }
+  double GetMinProb() const noexcept { return fMinPi; }
+
+  ITQLinkFunc* GetLinkFunction() const noexcept { return fpLinkFunc.get(); }
+  IGZLVarianceFunc* GetVarianceFunction() const noexcept { return fpVarianceFunc.get(); }
+  IGZLLogLikeFunc* GetLogLikeFunction() const noexcept { return fpLogLikeFunc.get(); }
+  const GZLGradientVector* GetGradientFunc() const noexcept { return fpGradientFunc.get(); }
+  const GZLHessianMatrix* GetHessianFunc() const noexcept { return fpHessianFunc.get(); }
+  IGZLRowSource& GetSource() const noexcept { return *fpSource; }
+  const GZLSettings& GetSettings() const noexcept { return *fpSettings; }
+  bool HasExtraParam() const noexcept { return fbExtra; }
+  int GetNumParams() const noexcept { return fNParams; }
+  void Display() const;
+
+ private:
+  struct PassCounts {
+    int valid = 0;
+    int invalid = 0;
+    int flagged = 0;
+    double sumMu = 0.0;
+    bool cancelled = false;
+  };
+
+  // The record step, compiled per function classes (abstract classes: virtual calls).
+  template <class Link, class Var, class LL>
+  bool Step(const GZLDesignRow& row, const double* beta, bool llOnly, bool extra, const Link* link, Var* var,
+            LL* ll, double& mu);
+  template <class Link, class Var, class LL>
+  void RunRecords(const double* beta, bool llOnly, PassCounts& counts);
+  TQStatus RunTweedieBoundaries(double phi);
+  void ResetSeparationStats() noexcept;
+
+  IGZLRowSource* fpSource;
+  const GZLSettings* fpSettings;
+  TQStatus fStatus;
+  TQConst::DistType fDistType;
+  double fDistParam;
+  double fNCases;
+  int fNParams;
+  TQConst::LinkType fLinkType;
+  double fLinkParam;
+  std::unique_ptr<ITQLinkFunc> fpLinkFunc;
+  std::unique_ptr<IGZLLogLikeFunc> fpLogLikeFunc;
+  std::unique_ptr<IGZLVarianceFunc> fpVarianceFunc;
+  std::unique_ptr<GZLGradientVector> fpGradientFunc;
+  std::unique_ptr<GZLHessianMatrix> fpHessianFunc;
+  double fLogLikelihood;
+  std::vector<double> fGradient;
+  TQSymMatrix fHessian;
+  int fNInvalid = 0;
+  int fNValid = 0;
+  int fNFlagged = 0;
+  bool fbBinomial;
+  TQBitSet fInitRedunInfo;
+  double fMinP = 0.0;
+  double fMaxP = 0.0;
+  double fMinPi = 0.0;
+
+  // Hoisted from the settings for the record loop.
+  bool fbExtra = false;          // scale or k estimated by maximum likelihood
+  bool fbBinarySingle = false;   // binomial with a single dependent variable
+  double fEventValue = 1.0;      // the response value of the event category
+  bool fbMultinomial = false;
+  bool fbTweedie = false;
+  bool fbComputeConstant = false;
+  bool fbForceGeneric = false;
+  StepKind fStepKind = StepGeneric;
+  double fPhi = 1.0;
+  double fBoundaryPhi = -1.0;
+  double fLogLikeConstant = 0.0;
+  double fSumMu = 0.0;
+  // In-model parameter indices and the per-record sparse row (sized once).
+  std::vector<int> fModelIndices;
+  std::vector<int> fRowIndices;
+  std::vector<double> fRowValues;
+};

@@ -1,0 +1,26 @@
+#pragma once
+// What the estimation passes need from the data: a restartable stream of design rows and a few
+// totals of the dictionary pass. The design matrix offers it through GZLDesignRowSource; tests
+// and benchmarks may serve rows of their own making.
+#include "data/GZLDesignRow.h"
+
+class IGZLRowSource {
+ public:
+  virtual ~IGZLRowSource() = default;
+
+  // Back to the first record for a new pass; false when the host source cannot rewind (the
+  // pass then ends with NewPass).
+  virtual bool RestartPass() = 0;
+  // The next complete row of the pass, or null at its end. The row stays valid until the next
+  // call; rows flagged invalid are handed out too (the accumulators count them as refused).
+  virtual const GZLDesignRow* GetNextRow() = 0;
+
+  // P: the number of design columns, that is of regression parameters.
+  virtual int GetNumParameters() const = 0;
+  // The observation total: the sum of frequency weights over the complete records.
+  virtual double GetNumObservations() const = 0;
+  // The sum-of-squares reference of the response from the dictionary pass: about its mean when
+  // `corrected`, about 0 otherwise; weighted by the frequency weight, and also by the scale
+  // weight when `withScaleWeight`.
+  virtual double GetResponseSumOfSquares(bool corrected, bool withScaleWeight) const = 0;
+};
