@@ -1,0 +1,114 @@
+#pragma once
+// Everything `gzl fit` is asked to do, as parsed from its command line. Controls left empty
+// (std::nullopt) keep the engine's own default; the Effective* helpers resolve the few choices
+// whose default depends on the distribution.
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "GZLConst_940.h"
+#include "TQConst.h"
+#include "tools/CsvTable.h"
+
+enum class ResponseForm {
+  Single,             // one response variable
+  EventsTrials,       // binomial events with a trials variable
+  EventsConstTrials   // binomial events with a constant number of trials
+};
+
+struct FitOptions {
+  // Data.
+  std::string dataPath;
+  char separator = ',';
+
+  // Response. For the events forms, `response` names the events variable.
+  ResponseForm responseForm = ResponseForm::Single;
+  std::string response;
+  std::string trialsVariable;
+  double trialsValue = 0.0;
+  // Reference category of a categorical response: "first", "last" or a category label; empty
+  // keeps the engine's default (the first category is the reference, so for a binary response
+  // the event is the second).
+  std::string referenceCategory;
+
+  // Distribution and link.
+  TQConst::DistType distribution = TQConst::DistNormal;
+  std::optional<TQConst::LinkType> link;
+  std::optional<double> linkParam;
+  // Negative binomial k or Tweedie power.
+  std::optional<double> distParam;
+  bool estimateK = false;
+
+  // Predictors and effects. An empty effect list means a main effect for every factor and
+  // covariate.
+  std::vector<std::string> factors;
+  std::vector<std::string> covariates;
+  std::string effects;
+  bool intercept = true;
+
+  // Offset (a variable or a fixed value) and weights.
+  std::string offsetVariable;
+  std::optional<double> offsetValue;
+  std::string frequencyWeight;
+  std::string scaleWeight;
+
+  // Scale parameter.
+  std::optional<GZLConst_940::ScaleMethod> scaleMethod;
+  std::optional<double> scaleValue;
+
+  // Estimation controls.
+  std::optional<TQConst::TQHessianCompMethod> hessianMethod;
+  std::optional<int> fisherIterations;     // hybrid method: Fisher scoring up to this iteration
+  std::optional<int> maxIterations;
+  std::optional<int> maxStepHalving;
+  std::optional<int> separationIteration;  // first iteration checked for (quasi-)complete separation
+  std::optional<double> llTolerance;
+  std::optional<TQConst::TQConvType> llConvType;
+  std::optional<double> paramTolerance;
+  std::optional<TQConst::TQConvType> paramConvType;
+  std::optional<double> hessianTolerance;
+  std::optional<TQConst::TQConvType> hessianConvType;
+  std::optional<double> singularityTolerance;
+
+  // Output.
+  std::optional<double> confidenceLevel;  // a fraction, 0 < level < 1
+  std::optional<GZLConst_940::LLType> llType;
+  bool json = false;
+  bool dryRun = false;  // describe the model and stop
+};
+
+// Names accepted on the command line for an enumerated choice; the first name of each value is
+// the one used in output.
+struct FitOptionName {
+  const char* name;
+  int value;
+};
+std::span<const FitOptionName> DistributionNames();
+std::span<const FitOptionName> LinkNames();
+std::span<const FitOptionName> ScaleMethodNames();
+std::span<const FitOptionName> HessianMethodNames();
+std::span<const FitOptionName> ConvergenceTypeNames();
+std::span<const FitOptionName> LogLikelihoodTypeNames();
+// The output name of a value, "unknown" when the table has none.
+const char* FitOptionLabel(std::span<const FitOptionName> names, int value);
+
+// The link used when none is given: the canonical link, except log for the negative binomial
+// and Tweedie distributions and cumulative logit for multinomial responses.
+TQConst::LinkType DefaultLink(TQConst::DistType distribution);
+TQConst::LinkType EffectiveLink(const FitOptions& options);
+// The scale method used when none is given: fixed when a scale value is given or the
+// distribution has no free scale (binomial, Poisson, negative binomial, multinomial), else the
+// maximum-likelihood estimate.
+GZLConst_940::ScaleMethod EffectiveScaleMethod(const FitOptions& options);
+
+// A categorical response is read as a factor: single binomial responses and multinomial ones.
+bool ResponseIsCategorical(const FitOptions& options);
+
+// Checks the options against each other (one-line message on failure). Does not look at the data.
+bool CheckFitOptions(const FitOptions& options, std::string& error);
+
+// The data columns the model needs, each once, in this order: response (events), trials,
+// factors, covariates, offset, frequency weight, scale weight. A column's position in the
+// resulting table is its field index in the records given to the engine.
+std::vector<CsvColumnRequest> FitColumnRequests(const FitOptions& options);

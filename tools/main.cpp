@@ -1,0 +1,318 @@
+// gzl: fits generalized linear models to a CSV file from the command line.
+#include <CLI/CLI.hpp>
+
+#include <cctype>
+#include <exception>
+#include <iostream>
+#include <span>
+#include <type_traits>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "tools/CsvTable.h"
+#include "tools/FitOptions.h"
+#include "tools/FitRunner.h"
+#include "tools/JsonWriter.h"
+#include "tools/ModelInfo.h"
+#include "tools/ModelSpec.h"
+
+namespace {
+
+std::string Lowercase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// The value of a choice given in any case; false when the name is not in the table.
+bool LookupChoice(std::span<const FitOptionName> names, const std::string& text, int& value) {
+  const std::string wanted = Lowercase(text);
+  for (const auto& n : names) {
+    if (wanted == n.name) {
+      value = n.value;
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string ChoiceList(std::span<const FitOptionName> names, const char* joint) {
+  std::string out;
+  for (const auto& n : names) {
+    if (!out.empty()) out += joint;
+    out += n.name;
+  }
+  return out;
+}
+
+// An enumerated option: one of the table's names (any case), stored as the enumeration value.
+template <typename Target>
+CLI::Option* AddChoice(CLI::App& app, const std::string& flags, Target& target, std::span<const FitOptionName> names,
+                       const std::string& help) {
+  CLI::Validator choice(
+      [names](std::string& text) {
+        int value = 0;
+        return LookupChoice(names, text, value) ? std::string()
+                                                : "'" + text + "' is not one of " + ChoiceList(names, ", ");
+      },
+      "", "choice");
+  return app
+      .add_option_function<std::string>(
+          flags,
+          [&target, names](const std::string& text) {
+            int value = 0;
+            if (LookupChoice(names, text, value)) {
+              using Enum = std::remove_cvref_t<decltype(target.value())>;
+              target = static_cast<Enum>(value);
+            }
+          },
+          help)
+      ->check(choice)
+      ->type_name("{" + ChoiceList(names, ",") + "}");
+}
+
+template <typename T>
+CLI::Option* AddOptional(CLI::App& app, const std::string& flags, std::optional<T>& target, const std::string& help) {
+  return app.add_option_function<T>(
+      flags, [&target](const T& v) { target = v; }, help);
+}
+
+// A list of names: comma-separated, the option may be repeated.
+CLI::Option* AddNameList(CLI::App& app, const std::string& flags, std::vector<std::string>& target,
+                         const std::string& help) {
+  return app.add_option(flags, target, help)
+      ->delimiter(',')
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->type_name("NAMES");
+}
+
+bool SeparatorFromText(const std::string& text, char& separator) {
+  if (text == "tab" || text == "\\t") {
+    separator = '\t';
+    return true;
+  }
+  if (text == "semicolon") {
+    separator = ';';
+    return true;
+  }
+  if (text.size() != 1) return false;
+  separator = text[0];
+  return true;
+}
+
+int Fail(const std::string& message) {
+  std::cerr << "gzl: " << message << '\n';
+  return 1;
+}
+
+// Everything after the command line has been read: checks, data, effects, the fit.
+int RunFitCommand(FitOptions& options) {
+  std::string error;
+  if (!CheckFitOptions(options, error)) return Fail(error);
+
+  std::vector<ModelTerm> terms;
+  if (options.effects.empty()) {
+    terms = MainEffectTerms(options.factors, options.covariates);
+  } else if (!ParseEffectList(options.effects, options.factors, options.covariates, terms, error)) {
+    return Fail("--effects: " + error);
+  }
+
+  CsvTable table;
+  CsvReadOptions readOptions;
+  readOptions.separator = options.separator;
+  if (!CsvTable::ReadFile(options.dataPath, FitColumnRequests(options), readOptions, table, error)) {
+    return Fail(options.dataPath + ": " + error);
+  }
+  if (table.NumRows() == 0) return Fail(options.dataPath + ": no data records");
+
+  if (options.dryRun) {
+    if (options.json) {
+      JsonWriter json(std::cout);
+      json.BeginObject();
+      json.Key("model");
+      WriteModelInfoJson(json, options, table, terms);
+      json.EndObject();
+    } else {
+      WriteModelInfoText(std::cout, options, table, terms);
+    }
+    return 0;
+  }
+
+  if (!options.json) {
+    WriteModelInfoText(std::cout, options, table, terms);
+    std::cout << '\n';
+  }
+  if (!RunFit(options, table, terms, std::cout, error)) return Fail(error);
+  return 0;
+}
+
+// Values that the command line gives in another form than FitOptions holds them.
+struct CommandLineExtras {
+  std::string separator = ",";
+  std::string events;
+  std::string trials;
+  std::optional<double> trialsValue;
+  std::optional<double> confidencePercent;
+  std::optional<TQConst::DistType> distribution;
+  std::vector<std::string> effects;
+  bool noIntercept = false;
+};
+
+void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
+  fit.add_option("data", o.dataPath, "CSV file with a header line")->required()->type_name("DATA.csv");
+  fit.add_option("--sep", x.separator, "Field separator: one character, 'tab' or 'semicolon' (default ',')")
+      ->type_name("CHAR")
+      ->group("Data");
+
+  const std::string response = "Response";
+  auto* single = fit.add_option("-y,--response", o.response, "Response variable")->type_name("NAME")->group(response);
+  auto* events = fit.add_option("--events", x.events, "Events variable of a binomial events/trials response")
+                     ->type_name("NAME")
+                     ->group(response);
+  auto* trials = fit.add_option("--trials", x.trials, "Trials variable of the events")->type_name("NAME")->group(response);
+  auto* trialsValue =
+      AddOptional(fit, "--trials-value", x.trialsValue, "Constant number of trials of the events")->group(response);
+  single->excludes(events);
+  trials->needs(events)->excludes(trialsValue);
+  trialsValue->needs(events);
+  fit.add_option("--ref-category", o.referenceCategory,
+                 "Reference category of a binary or multinomial response: first, last or a category label "
+                 "(default first: the event of a binary response is its second category)")
+      ->type_name("CATEGORY")
+      ->group(response);
+
+  const std::string model = "Distribution and link";
+  AddChoice(fit, "-d,--dist", x.distribution, DistributionNames(), "Distribution (default normal)")->group(model);
+  AddChoice(fit, "-l,--link", o.link, LinkNames(),
+            "Link (default: identity for normal, logit for binomial and nominal, cumlogit for ordinal, log otherwise)")
+      ->group(model);
+  AddOptional(fit, "--link-param", o.linkParam, "Parameter of the power and oddspower links")->group(model);
+  AddOptional(fit, "--dist-param", o.distParam,
+              "Negative binomial k (fixed, or the start value with --estimate-k) or Tweedie power")
+      ->group(model);
+  fit.add_flag("--estimate-k", o.estimateK, "Estimate the negative binomial k by maximum likelihood")->group(model);
+
+  const std::string predictors = "Predictors and effects";
+  AddNameList(fit, "-f,--factors", o.factors, "Factors (categorical predictors), comma-separated")->group(predictors);
+  AddNameList(fit, "-c,--covariates", o.covariates, "Covariates (numeric predictors), comma-separated")
+      ->group(predictors);
+  fit.add_option("-e,--effects", x.effects,
+                 "Model effects, separated by blanks, commas or '+': a, a*b (interaction), x*x (square), "
+                 "a(b) (a nested within b), a(b*c), a*x, x(a). Default: a main effect of every factor and covariate")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->type_name("TERMS")
+      ->group(predictors);
+  fit.add_flag("--no-intercept", x.noIntercept, "Leave the intercept out of the model")->group(predictors);
+
+  const std::string offsetWeights = "Offset and weights";
+  auto* offset = fit.add_option("--offset", o.offsetVariable, "Offset variable")->type_name("NAME")->group(offsetWeights);
+  auto* offsetValue = AddOptional(fit, "--offset-value", o.offsetValue, "Fixed offset value")->group(offsetWeights);
+  offset->excludes(offsetValue);
+  fit.add_option("--freq-weight", o.frequencyWeight, "Frequency weight variable")->type_name("NAME")->group(offsetWeights);
+  fit.add_option("--scale-weight", o.scaleWeight, "Scale weight variable")->type_name("NAME")->group(offsetWeights);
+
+  const std::string estimation = "Estimation";
+  AddChoice(fit, "--scale-method", o.scaleMethod, ScaleMethodNames(),
+            "Scale parameter: mle, deviance, pearson or fixed (default mle where the distribution has a free "
+            "scale, else fixed at 1)")
+      ->group(estimation);
+  AddOptional(fit, "--scale-value", o.scaleValue, "Value of a fixed scale parameter (default 1)")->group(estimation);
+  AddChoice(fit, "--hessian", o.hessianMethod, HessianMethodNames(),
+            "Hessian: fisher (scoring), newton (Newton-Raphson) or hybrid")
+      ->group(estimation);
+  AddOptional(fit, "--fisher-iterations", o.fisherIterations,
+              "Hybrid method: iterations of Fisher scoring before Newton-Raphson")
+      ->group(estimation);
+  AddOptional(fit, "--max-iterations", o.maxIterations, "Maximum number of iterations")->group(estimation);
+  AddOptional(fit, "--max-step-halving", o.maxStepHalving, "Maximum number of step-halvings")->group(estimation);
+  AddOptional(fit, "--separation-iteration", o.separationIteration,
+              "First iteration checked for complete or quasi-complete separation")
+      ->group(estimation);
+  AddOptional(fit, "--ll-tolerance", o.llTolerance, "Log-likelihood convergence tolerance (0: off)")->group(estimation);
+  AddChoice(fit, "--ll-convergence", o.llConvType, ConvergenceTypeNames(),
+            "Log-likelihood change measured as absolute or relative")
+      ->group(estimation);
+  AddOptional(fit, "--param-tolerance", o.paramTolerance, "Parameter convergence tolerance (0: off)")
+      ->group(estimation);
+  AddChoice(fit, "--param-convergence", o.paramConvType, ConvergenceTypeNames(),
+            "Parameter change measured as absolute or relative")
+      ->group(estimation);
+  AddOptional(fit, "--hessian-tolerance", o.hessianTolerance, "Hessian convergence tolerance (0: off)")
+      ->group(estimation);
+  AddChoice(fit, "--hessian-convergence", o.hessianConvType, ConvergenceTypeNames(),
+            "Hessian measure taken as absolute or relative")
+      ->group(estimation);
+  AddOptional(fit, "--singularity-tolerance", o.singularityTolerance, "Tolerance for detecting aliased parameters")
+      ->group(estimation);
+
+  const std::string output = "Output";
+  AddOptional(fit, "--confidence", x.confidencePercent, "Confidence level of intervals, in percent (default 95)")
+      ->group(output);
+  AddChoice(fit, "--loglik", o.llType, LogLikelihoodTypeNames(), "Log-likelihood reported: full or kernel")
+      ->group(output);
+  fit.add_flag("--json", o.json, "Write the output as one JSON document")->group(output);
+  fit.add_flag("--dry-run", o.dryRun, "Describe the model that would be fitted, and stop")->group(output);
+}
+
+// Moves the command-line forms into the options; false with a message for a bad value.
+bool ApplyExtras(const CommandLineExtras& x, FitOptions& o, std::string& error) {
+  if (!SeparatorFromText(x.separator, o.separator)) {
+    error = "--sep: '" + x.separator + "' is not a single character, 'tab' or 'semicolon'";
+    return false;
+  }
+  if (!x.events.empty()) {
+    o.response = x.events;
+    if (!x.trials.empty()) {
+      o.responseForm = ResponseForm::EventsTrials;
+      o.trialsVariable = x.trials;
+    } else if (x.trialsValue) {
+      o.responseForm = ResponseForm::EventsConstTrials;
+      o.trialsValue = *x.trialsValue;
+    } else {
+      error = "--events needs --trials or --trials-value";
+      return false;
+    }
+  }
+  if (x.distribution) o.distribution = *x.distribution;
+  if (x.confidencePercent) o.confidenceLevel = *x.confidencePercent / 100.0;
+  for (const auto& part : x.effects) {
+    if (!o.effects.empty()) o.effects += ' ';
+    o.effects += part;
+  }
+  if (!x.effects.empty() && o.effects.find_first_not_of(" \t\n\r,+") == std::string::npos) {
+    error = "--effects: the effect list is empty";
+    return false;
+  }
+  o.intercept = !x.noIntercept;
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    CLI::App app{"gzl: generalized linear models from the command line"};
+    app.require_subcommand(1);
+    CLI::App* fit = app.add_subcommand("fit", "Fit a generalized linear model to the records of a CSV file");
+
+    FitOptions options;
+    CommandLineExtras extras;
+    DefineFitCommand(*fit, options, extras);
+
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+      return app.exit(e);
+    }
+
+    std::string error;
+    if (!ApplyExtras(extras, options, error)) return Fail(error);
+    return RunFitCommand(options);
+  } catch (const std::bad_alloc&) {
+    return Fail("out of memory");
+  } catch (const std::exception& e) {
+    return Fail(e.what());
+  }
+}
