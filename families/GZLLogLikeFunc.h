@@ -166,6 +166,7 @@ class GZLLogLikeTweedie : public IGZLLogLikeFunc {
 
   double fP;
   double fAlpha;  // (2 - p)/(1 - p); missing unless 1 < p < 2
+  double fLogZConst = 0.0;  // alpha log(p - 1) - log(2 - p): the part of log z common to all records
   int64_t fLower = -1;
   int64_t fUpper = -1;
 
@@ -173,11 +174,10 @@ class GZLLogLikeTweedie : public IGZLLogLikeFunc {
   double fPassMinLogZ = 0.0, fPassMaxLogZ = 0.0, fPassMinJMax = 0.0, fPassMaxJMax = 0.0;
   int64_t fPassCount = 0, fPassZeros = 0, fPassRecords = 0;
 
-  // log Gamma(j + 1) + log Gamma(-j alpha) and log j for j = fLower..fUpper, filled once per
-  // boundary pass (empty when the range is too wide to keep; the terms are then computed on
-  // the fly).
+  // log Gamma(j + 1) + log Gamma(-j alpha) for j = fLower..fUpper: the same for every record, so
+  // filled once per boundary pass (left empty when the range is too wide to keep; the terms are
+  // then evaluated per record).
   std::vector<double> fIndexConst;
-  std::vector<double> fIndexLog;
   bool fbIndexCacheOK = false;
 
   // Cached by AddKernel for the derivatives of the same record.

@@ -33,15 +33,17 @@ constexpr int64_t kMaxCachedTerms = int64_t{1} << 21;
 }  // namespace
 
 GZLLogLikeTweedie::GZLLogLikeTweedie(double p) : fP(p), fAlpha(TQMV::Missing) {
-  if (!IsMissing(p) && p > 1.0 && p < 2.0) fAlpha = (2.0 - p) / (1.0 - p);
+  if (!IsMissing(p) && p > 1.0 && p < 2.0) {
+    fAlpha = (2.0 - p) / (1.0 - p);
+    fLogZConst = fAlpha * std::log(p - 1.0) - std::log(2.0 - p);
+  }
   fLogW = fG1 = fG2 = fT1 = fT2 = fZ = TQMV::Missing;
 }
 
 double GZLLogLikeTweedie::LogZ(double y, double omega) const {
   if (IsMissing(fAlpha) || !(y > 0.0) || !(omega > 0.0) || !(fPhi > 0.0)) return TQMV::Missing;
   const double a = fAlpha;
-  return Checked((1.0 - a) * std::log(omega) - a * std::log(y) + a * std::log(fP - 1.0) -
-                 std::log(2.0 - fP) - (1.0 - a) * std::log(fPhi));
+  return Checked((1.0 - a) * (std::log(omega) - std::log(fPhi)) - a * std::log(y) + fLogZConst);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -125,7 +127,12 @@ void GZLLogLikeTweedie::FillIndexCache() {
     const double j = static_cast<double>(fLower + i);
     const double g1 = TQDistFun::LogGamma(j + 1.0);
     const double g2 = TQDistFun::LogGamma(-j * fAlpha);
-    fIndexConst[static_cast<std::size_t>(i)] = (IsMissing(g1) || IsMissing(g2)) ? TQMV::Missing : g1 + g2;
+    if (IsMissing(g1) || IsMissing(g2)) {
+      // Every record's series would fail: keep nothing, so that the per-record path reports it.
+      fIndexConst.clear();
+      return;
+    }
+    fIndexConst[static_cast<std::size_t>(i)] = g1 + g2;
   }
   fbIndexCacheOK = true;
 }
@@ -142,35 +149,49 @@ bool GZLLogLikeTweedie::SumSeries(double y, double omega, double mu) {
   double y2p = TQMV::Missing;
   if (!TQPower::Power(y, 2.0 - fP, y2p) || y2p * omega / ((2.0 - fP) * fPhi) > kMaxPeakIndex) return false;
 
-  const bool cached = fbIndexCacheOK && static_cast<int64_t>(fIndexConst.size()) == fUpper - fLower + 1;
-  const double* k = cached ? fIndexConst.data() : nullptr;
-  // log Gamma(j+1) + log Gamma(-j alpha), from the cache or computed on the spot.
-  auto indexConst = [&](int64_t j) {
-    if (k != nullptr) return k[j - fLower];
-    const double jd = static_cast<double>(j);
-    const double g1 = TQDistFun::LogGamma(jd + 1.0);
-    const double g2 = TQDistFun::LogGamma(-jd * fAlpha);
-    return (IsMissing(g1) || IsMissing(g2)) ? TQMV::Missing : g1 + g2;
-  };
+  const int64_t n = fUpper - fLower + 1;
+  const bool cached = fbIndexCacheOK && static_cast<int64_t>(fIndexConst.size()) == n;
 
   // A_j = log W_j. The first sweep finds the largest term, the second sums the terms and their
   // first two index moments relative to it: sum j W_j / W and sum j^2 W_j / W are what the
   // derivatives in log(phi) need.
   double maxA = -HUGE_VAL;
-  for (int64_t j = fLower; j <= fUpper; ++j) {
-    const double c = indexConst(j);
-    if (IsMissing(c)) return false;
-    const double a = static_cast<double>(j) * lz - c;
-    if (a > maxA) maxA = a;
-  }
-  if (!std::isfinite(maxA)) return false;
   double sA = 0.0, sB = 0.0, sC = 0.0;
-  for (int64_t j = fLower; j <= fUpper; ++j) {
-    const double jd = static_cast<double>(j);
-    const double e = std::exp(jd * lz - indexConst(j) - maxA);
-    sA += e;
-    sB += jd * e;
-    sC += jd * jd * e;
+  if (cached) {
+    const double* k = fIndexConst.data();
+    for (int64_t i = 0; i < n; ++i) {
+      const double a = static_cast<double>(fLower + i) * lz - k[i];
+      if (a > maxA) maxA = a;
+    }
+    if (!std::isfinite(maxA)) return false;
+    for (int64_t i = 0; i < n; ++i) {
+      const double jd = static_cast<double>(fLower + i);
+      const double e = std::exp(jd * lz - k[i] - maxA);
+      sA += e;
+      sB += jd * e;
+      sC += jd * jd * e;
+    }
+  } else {
+    // A range too wide to keep: the log-gamma constants are evaluated on the spot, twice.
+    auto indexConst = [this](double j) {
+      const double g1 = TQDistFun::LogGamma(j + 1.0);
+      const double g2 = TQDistFun::LogGamma(-j * fAlpha);
+      return (IsMissing(g1) || IsMissing(g2)) ? TQMV::Missing : g1 + g2;
+    };
+    for (int64_t j = fLower; j <= fUpper; ++j) {
+      const double c = indexConst(static_cast<double>(j));
+      if (IsMissing(c)) return false;
+      const double a = static_cast<double>(j) * lz - c;
+      if (a > maxA) maxA = a;
+    }
+    if (!std::isfinite(maxA)) return false;
+    for (int64_t j = fLower; j <= fUpper; ++j) {
+      const double jd = static_cast<double>(j);
+      const double e = std::exp(jd * lz - indexConst(jd) - maxA);
+      sA += e;
+      sB += jd * e;
+      sC += jd * jd * e;
+    }
   }
   if (!(sA > 0.0) || !std::isfinite(sA) || !std::isfinite(sC)) return false;
 
