@@ -2,6 +2,9 @@
 
 #include <cmath>
 
+#include "data/GZLDesignMatrix.h"
+#include "estimation/GZLOptimizer.h"
+#include "estimation/IGZLRowSource.h"
 #include "support/TQDisplay_940.h"
 #include "support/TQDistFun.h"
 
@@ -18,6 +21,113 @@ GZLInference::GZLInference(const GZLSettings& settings)
       fConfidenceLevel(settings.GetConfidenceLevel()) {}
 
 GZLInference::~GZLInference() = default;
+
+void GZLInference::CountObservations(const GZLSettings& settings, const GZLOptimizerForGZLM& optimizer,
+                                     const GZLDesignMatrix* design, double& nObs, double& sampleSize) {
+  // The observation total: the frequency weights of the complete records.
+  nObs = design != nullptr ? design->GetSumFreqWeights() : optimizer.GetSource().GetNumObservations();
+  sampleSize = nObs;
+  if (design == nullptr) return;
+  const double validRecords = design->GetDataStats().GetDependentStat().fWeightedN;
+  if (settings.IsSingleDependentForBinomial()) {
+    nObs = validRecords;
+    sampleSize = nObs;
+  } else if (settings.IsMultinomial()) {
+    // Each record contributes one observation per non-reference category.
+    const int c = design->GetNResponseCategories();
+    nObs = (c - 1) * validRecords;
+    sampleSize = nObs;
+  } else if (settings.IsEventsTrialsForBinomial()) {
+    // Degrees of freedom count records; the criteria count Bernoulli trials.
+    sampleSize = design->GetWeightedTrials();
+  }
+}
+
+TQStatus GZLInference::Compute(const GZLOptimizerForGZLM& optimizer, const GZLDesignMatrix* design) {
+  using namespace GZLConst_940;
+  fStatComputeWarnings.clear();
+  fpCovariance.reset();
+  fpRobustCovariance.reset();
+  fStatus = TQStatus();
+
+  const int p = optimizer.GetNumParams();
+  const std::vector<double>& estimates = optimizer.GetParamEstimates();
+  const TQBitSet& initSet = optimizer.GetInitRedunInfo();
+  const TQBitSet& finalSet = optimizer.GetFinalRedunInfo();
+  fRedundancy = initSet;
+  const int nInModel = initSet.Count(0, p);
+  const bool extra = optimizer.IsUpdatePhi() || optimizer.IsUpdateK();
+  fNParameters = nInModel + (extra ? 1 : 0);
+
+  CountObservations(fSettings, optimizer, design, fNObservations, fSampleSize);
+
+  // Log-likelihoods: the one the settings ask for, and the one at the fixed deviance or Pearson
+  // scale, which is what the criteria of those scale methods are built on.
+  const ScaleMethod scaleMethod = fSettings.GetScaleType();
+  fLogLikelihood = optimizer.GetLogLikelihood();
+  fLogLikelihoodScaleFixed = optimizer.GetLogLikelihoodScaleFixed();
+  if (scaleMethod != ScaleDeviance && scaleMethod != ScalePearson) fLogLikelihoodScaleFixed = fLogLikelihood;
+  const double criteriaLL =
+      (scaleMethod == ScaleDeviance || scaleMethod == ScalePearson) ? fLogLikelihoodScaleFixed : fLogLikelihood;
+
+  const bool normalIdentity =
+      fSettings.GetDistType() == TQConst::DistNormal && fSettings.GetLinkType() == TQConst::LinkIdentity;
+  const bool mixedHost = fSettings.IsModelGZLMMM();
+  const bool restricted = mixedHost && fSettings.GetThetaEstTypeGZLMMM() == 1 && normalIdentity;
+  fGoodnessOfFit = GZLGoodnessOfFit(optimizer.GetDeviance(), optimizer.GetPearson(), optimizer.GetPhi(), criteriaLL,
+                                    fNObservations, fSampleSize, fNParameters, fSettings.GetDistType(), scaleMethod,
+                                    fSettings.GetDistParamType(), restricted);
+  fGoodnessOfFit.AddWarnings(fStatComputeWarnings);
+  fPseudoR2 = fGoodnessOfFit.GetPseudoR2(optimizer.GetFittedSpread());
+
+  // Critical value of the intervals: normal, or t for a mixed-model host.
+  const double q = 0.5 + fConfidenceLevel / 2.0;
+  const double z = TQDistFun::IdfNorm(q, 0.0, 1.0);
+  fbTBased = mixedHost;
+  fDFForT = TQMV::Missing;
+  if (fbTBased) {
+    double used = nInModel;
+    if (fSettings.GetDistType() == TQConst::DistNominalMultinomial) {
+      used = 0.0;
+      for (int j = 0; j < p && j < static_cast<int>(estimates.size()); ++j)
+        if (estimates[j] != 0.0) used += 1.0;
+    }
+    fDFForT = TQMV::IsMissing(fNObservations) ? TQMV::Missing : fNObservations - used;
+    fCriticalValue = TQMV::IsMissing(fDFForT) ? TQMV::Missing : TQDistFun::IdfT(q, fDFForT);
+  } else {
+    fCriticalValue = z;
+  }
+
+  // Covariance: the stored inverse is minus the covariance of all P (+1) parameters; the
+  // regression block is the covariance used for inference.
+  const TQSymMatrix& inverse = optimizer.GetInverseHessian();
+  if (inverse.GetNumRows() >= p && p > 0) {
+    auto cov = std::make_unique<TQSymMatrix>(p);
+    for (int i = 0; i < p; ++i)
+      for (int j = 0; j <= i; ++j) {
+        const double v = inverse.Get(i, j);
+        cov->Set(i, j, TQMV::IsMissing(v) ? TQMV::Missing : -v);
+      }
+    fpCovariance = std::move(cov);
+  } else if (p > 0) {
+    fStatus = TQStatus::Warning(GZLStatusCode::RobustCovarianceFailed);
+  }
+
+  ComputeRegressionRows(estimates, fpCovariance.get(), initSet, finalSet, fCriticalValue, fbTBased, fDFForT,
+                        fParamStats);
+
+  // The scale row, then the k row of a negative binomial model. Their standard errors come from
+  // the curvature of the log-likelihood in log(phi) or log(k), the extra parameter P.
+  const TQSymMatrix& hessian = optimizer.GetHessian();
+  const double h = (extra && hessian.GetNumRows() > p) ? hessian.Get(p, p) : TQMV::Missing;
+  const double ancillaryQuantile = (fbTBased && restricted) ? z : fCriticalValue;
+  fParamStats.push_back(ComputeAncillaryRow(optimizer.GetPhi(), optimizer.IsUpdatePhi(),
+                                            optimizer.IsUpdatePhi() ? h : TQMV::Missing, ancillaryQuantile));
+  if (fSettings.GetDistType() == TQConst::DistNegBinomial)
+    fParamStats.push_back(ComputeAncillaryRow(optimizer.GetK(), optimizer.IsUpdateK(),
+                                              optimizer.IsUpdateK() ? h : TQMV::Missing, ancillaryQuantile));
+  return fStatus;
+}
 
 void GZLInference::ComputeRegressionRows(const std::vector<double>& estimates, const TQSymMatrix* covariance,
                                          const TQBitSet& initSet, const TQBitSet& finalSet, double critical,

@@ -15,6 +15,7 @@
 #include "support/TQStatus.h"
 #include "support/TQSymMatrix.h"
 
+class GZLDesignMatrix;
 class GZLOptimizerForGZLM;
 
 class GZLInference {
@@ -31,9 +32,16 @@ class GZLInference {
   ~GZLInference();
 
   // Everything of a finished GZLM fit: covariance, parameter rows, log-likelihoods and goodness
-  // of fit. Returns OK, or warning 130050 when the fit has no covariance matrix (the parameter
-  // rows then carry only estimates and redundancy). The status is stored.
-  TQStatus Compute(const GZLOptimizerForGZLM& optimizer);
+  // of fit. design: the fit's design matrix, for the counts of the dictionary pass (without it
+  // the observation total of the optimizer's row source is used throughout). Returns OK, or
+  // warning 130050 when the fit has no covariance matrix (the parameter rows then carry only
+  // estimates and redundancy). The status is stored.
+  TQStatus Compute(const GZLOptimizerForGZLM& optimizer, const GZLDesignMatrix* design = nullptr);
+
+  // Number of observations of the degrees of freedom (fN) and sample size n of the information
+  // criteria, by the counting rules of the response type.
+  static void CountObservations(const GZLSettings& settings, const GZLOptimizerForGZLM& optimizer,
+                                const GZLDesignMatrix* design, double& nObs, double& sampleSize);
 
   // ---- results ----
   TQStatus GetStatus() const { return fStatus; }
