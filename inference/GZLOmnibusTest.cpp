@@ -2,14 +2,126 @@
 
 #include <cmath>
 
+#include "GZLFactorCounts.h"
+#include "data/GZLDesignMatrix.h"
+#include "estimation/GZLDesignRowSource.h"
+#include "estimation/GZLOptimizer.h"
 #include "support/TQDisplay_940.h"
 #include "support/TQDistFun.h"
+
+namespace {
+
+bool IsScaleFromFit(GZLConst_940::ScaleMethod m) {
+  return m == GZLConst_940::ScaleDeviance || m == GZLConst_940::ScalePearson;
+}
+
+}  // namespace
 
 GZLOmnibusTest::GZLOmnibusTest(const GZLSettings& settings, GZLDesignMatrix& design,
                                const GZLOptimizerForGZLM& fitted)
     : fSettings(settings), fpDesign(&design), fpFitted(&fitted) {}
 
 GZLOmnibusTest::~GZLOmnibusTest() = default;
+
+TQStatus GZLOmnibusTest::Run() {
+  fDist = fDF = fSig = TQMV::Missing;
+  fbFailedInitModel = false;
+  fNullLogLikelihood = TQMV::Missing;
+  const GZLConst_940::ScaleMethod scaleMethod = fSettings.GetScaleType();
+
+  // The fitted model's log-likelihood; with a deviance or Pearson scale the one at that scale,
+  // so that both models are compared at the same scale.
+  fFittedLogLikelihood =
+      IsScaleFromFit(scaleMethod) ? fpFitted->GetLogLikelihoodScaleFixed() : fpFitted->GetLogLikelihood();
+  if (TQMV::IsMissingOrInfinite(fFittedLogLikelihood)) {
+    fStatus = TQStatus::Error(GZLStatusCode::InternalError);
+    return fStatus;
+  }
+  const int fittedParams = fpFitted->GetInitRedunInfo().Count();
+
+  double nullLL = TQMV::Missing;
+  int nullParams = 0;
+  if (fSettings.GetDistType() == TQConst::DistOrdinalMultinomial) {
+    // The thresholds alone reproduce the observed category proportions.
+    std::vector<double> counts;
+    if (const auto* dep = fpDesign->GetFactorCounts().GetDependCountsPtr())
+      for (const auto& c : *dep) counts.push_back(c.first);
+    nullLL = OrdinalNullLogLikelihood(counts, nullParams);
+  } else {
+    const TQStatus refit = RunRefit(nullLL, nullParams);
+    fbFailedInitModel = refit.IsError();
+    if (refit.IsError()) {
+      fStatus = refit;
+      return fStatus;
+    }
+  }
+  fNullLogLikelihood = nullLL;
+  if (TQMV::IsMissingOrInfinite(nullLL)) {
+    fStatus = TQStatus::Error(GZLStatusCode::InternalError);
+    return fStatus;
+  }
+  fStatus = ComputeStatistic(fFittedLogLikelihood, nullLL, static_cast<double>(fittedParams - nullParams), fDist,
+                             fDF, fSig);
+  return fStatus;
+}
+
+TQStatus GZLOmnibusTest::RunRefit(double& nullLL, int& nullParams) {
+  const GZLConst_940::ScaleMethod scaleMethod = fSettings.GetScaleType();
+  const bool intercept = fSettings.GetInterceptUse();
+
+  // The null model's settings: no effects; it starts from the fitted intercept(s) and, under
+  // an ML scale, the fitted scale (which the optimizer takes as a placeholder only).
+  GZLSettings nullSettings;
+  nullSettings.Copy(fSettings, true);
+  std::vector<double> start;
+  const std::vector<double>& estimates = fpFitted->GetParamEstimates();
+  if (intercept && !estimates.empty()) {
+    if (fSettings.GetDistType() == TQConst::DistNominalMultinomial) {
+      // One intercept per logit, at the head of each logit's block.
+      const int perLogit = fpDesign->GetNumOfParams();
+      for (int j = 0; perLogit > 0 && j < static_cast<int>(estimates.size()); j += perLogit)
+        start.push_back(estimates[static_cast<std::size_t>(j)]);
+    } else {
+      start.push_back(estimates[0]);
+    }
+    if (scaleMethod == GZLConst_940::ScaleMLE) start.push_back(fpFitted->GetPhi());
+  }
+  nullSettings.SetInitParams(start);
+
+  // The design cut down to its intercept column (or to nothing), restored afterwards.
+  const bool wasReduced = fpDesign->IsReducedModel();
+  const int previousReduced = fpDesign->GetReducedNParams();
+  if (!fpDesign->SetReducedModel(intercept ? 1 : 0)) return TQStatus::Error(GZLStatusCode::InternalError);
+
+  TQStatus status;
+  {
+    GZLDesignRowSource rows(*fpDesign);
+    GZLOptimizerForGZLM nullFit(rows, nullSettings, false);
+    status = nullFit.Estimate();
+    if (status.GetErrorCode() == GZLStatusCode::AllInvalidRecordsForLinkFunction) {
+      status = TQStatus::Error(GZLStatusCode::AllInvalidRecordsForLinkFunction);
+    } else if (!status.IsError() && !(nullFit.GetPhi() > 0.0)) {
+      status = TQStatus::Error(GZLStatusCode::ScaleIsZero);
+    } else if (!status.IsError() && nullFit.IsInvalidForLink()) {
+      status = TQStatus::Error(GZLStatusCode::InvalidRecordsForLinkFunction);
+    }
+    if (!status.IsError()) {
+      // With a deviance or Pearson scale the null model is evaluated at the fitted model's scale.
+      const TQStatus post = nullFit.PostEstimation(IsScaleFromFit(scaleMethod) ? fpFitted->GetPhi() : TQMV::Missing);
+      if (post.IsError()) status = post;
+    }
+    if (!status.IsError()) {
+      nullLL = IsScaleFromFit(scaleMethod) ? nullFit.GetLogLikelihoodScaleFixed() : nullFit.GetLogLikelihood();
+      nullParams = nullFit.GetInitRedunInfo().Count();
+    }
+  }
+
+  if (wasReduced)
+    fpDesign->SetReducedModel(previousReduced);
+  else
+    fpDesign->ClearReducedModel();
+  return status;
+}
 
 TQStatus GZLOmnibusTest::ComputeStatistic(double l1, double l0, double df, double& statistic, double& dfOut,
                                           double& significance) {
