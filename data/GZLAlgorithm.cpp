@@ -1,0 +1,251 @@
+#include "data/GZLAlgorithm.h"
+
+#include <algorithm>
+
+#include "GZLConst_940.h"
+#include "GZLSettings.h"
+#include "support/TQDisplay_940.h"
+
+namespace {
+// Support-library codes of the nominal response categories.
+constexpr int kTooFewResponseCategories = 318;
+constexpr int kReferenceCategoryNotObserved = 319;
+}  // namespace
+
+GZLAlgorithm::GZLAlgorithm(const GZLSettings& settings) : fpSettings(&settings) {
+  fCancelInfo.fpCancel = settings.GetCancelPointer();
+  fbReportIterations = true;
+  if (!settings.IsValid()) fStatus = TQStatus::Error(GZLStatusCode::InvalidSettings);
+}
+
+GZLAlgorithm::~GZLAlgorithm() {
+  // Owned objects go first, in a fixed order; the lists follow with the members.
+  fpDesignMatrix.reset();
+  DiscardFit();
+}
+
+std::string GZLAlgorithm::GetComponentInfo() const {
+  return "gzl 0.1: generalized linear models and generalized estimating equations\n"
+         "Copyright (c) the gzl developers. All rights reserved.";
+}
+
+void GZLAlgorithm::AddWarning(std::vector<TQStatus>& list, const TQStatus& status) {
+  if (!status.IsWarning()) return;
+  if (std::find(list.begin(), list.end(), status) == list.end()) list.push_back(status);
+}
+
+void GZLAlgorithm::DiscardFit() {
+  // The optimizer, inference and test objects of a fit are owned here once estimation is
+  // linked in; a new fit starts without them.
+}
+
+bool GZLAlgorithm::HasEstimates() const {
+  // The optimizer's estimates-available flag; no optimizer, no estimates.
+  return false;
+}
+
+TQStatus GZLAlgorithm::RunEstimation() {
+  // The estimation steps are wired in by the optimizer: until then a fit cannot be built.
+  return TQStatus::Error(GZLStatusCode::CantBuildModel);
+}
+
+TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {
+  if (!source.HasMoreRecords()) return fStatus = TQStatus::Error(GZLStatusCode::NoValidRecords);
+  if (!fpSettings->IsValid()) return fStatus = TQStatus::Error(GZLStatusCode::InvalidSettings);
+
+  fbInitialized = false;
+  fParameters.clear();
+  fpDesignMatrix.reset();
+  DiscardFit();
+  fEffectInfo.clear();
+  fResponseCategories.clear();
+  fResponsePositions.clear();
+  fResponseWeightedCounts.clear();
+  fResponseUnweightedCounts.clear();
+  fResponseOffsetTotals.clear();
+  fNominalTemplate.clear();
+  fNominalTemplateSize = 0;
+
+  fpDesignMatrix = std::make_unique<GZLDesignMatrix>(*fpSettings);
+  TQStatus status;
+  fpDesignMatrix->RunDictionaryPass(status, source);
+  fStatus = status;
+  if (status.IsError()) return fStatus;
+  fFactorCounts = fpDesignMatrix->GetFactorCounts();
+
+  for (int i = 0; i < fpDesignMatrix->GetNumEffects(); ++i) {
+    const GZLDesignMatrixEffect& effect = fpDesignMatrix->GetEffect(i);
+    GZLEffectInfo info;
+    info.fIndex = i;
+    info.fStart = effect.GetStart();
+    info.fNValues = effect.GetNColumns();
+    info.fCombinations = effect.GetCombinations();
+    fEffectInfo.push_back(std::move(info));
+  }
+
+  const TQStatus parameterStatus = BuildParameterList();
+  if (parameterStatus.IsError()) return fStatus = parameterStatus;
+  if (parameterStatus.IsWarning()) fStatus = parameterStatus;
+  fbInitialized = true;
+  return fStatus;
+}
+
+TQStatus GZLAlgorithm::DetermineNominalCategories() {
+  const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
+  const std::vector<TQFactorCounts::Count>* offsets = fFactorCounts.GetOffsetCountsForDepCatPtr();
+  const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
+  std::vector<int> kept;
+  for (int c = 0; c < k; ++c)
+    if ((*counts)[static_cast<std::size_t>(c)].first > 0.0) kept.push_back(c);
+  if (kept.size() < 2) return TQStatus::Error(kTooFewResponseCategories);
+
+  TQStatus status;
+  const int setting = fpSettings->GetDependentRefCateg();
+  int reference;
+  if (std::find(kept.begin(), kept.end(), setting) != kept.end()) {
+    reference = setting;
+  } else if (setting < 0) {
+    reference = kept.front();
+  } else {
+    reference = kept.back();
+    if (setting > 0) status = TQStatus::Warning(kReferenceCategoryNotObserved);
+  }
+  for (int c : kept)
+    if (c != reference) fResponseCategories.push_back(c);
+  fResponseCategories.push_back(reference);
+
+  fResponsePositions.assign(static_cast<std::size_t>(k), -1);
+  for (std::size_t pos = 0; pos < fResponseCategories.size(); ++pos) {
+    const std::size_t c = static_cast<std::size_t>(fResponseCategories[pos]);
+    fResponsePositions[c] = static_cast<int>(pos);
+    fResponseWeightedCounts.push_back((*counts)[c].first);
+    fResponseUnweightedCounts.push_back((*counts)[c].second);
+    fResponseOffsetTotals.push_back(offsets != nullptr && c < offsets->size() ? (*offsets)[c].first : 0.0);
+  }
+  return status;
+}
+
+TQStatus GZLAlgorithm::BuildParameterList() {
+  TQStatus status;
+  const TQConst::DistType dist = fpSettings->GetDistType();
+  const bool nominal = dist == TQConst::DistNominalMultinomial;
+  TQRegrParameter parameter;
+  parameter.SetTargetCategory(-1);
+
+  if (dist == TQConst::DistOrdinalMultinomial) {
+    // One threshold per observed category, the last observed one dropped again: K observed
+    // categories, K-1 thresholds, whether or not an intercept was asked for.
+    const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
+    const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
+    for (int c = 0; c < k; ++c) {
+      if (!((*counts)[static_cast<std::size_t>(c)].first > 0.0)) continue;
+      parameter.SetTargetCategory(c);
+      fParameters.push_back(parameter);
+      fResponseCategories.push_back(c);
+    }
+    if (!fParameters.empty()) fParameters.pop_back();
+    parameter.SetTargetCategory(-1);
+  } else if (nominal) {
+    status = DetermineNominalCategories();
+    if (status.IsError()) return status;
+    if (fpSettings->GetInterceptUse()) {
+      parameter.SetTargetCategory(fResponseCategories.front());
+      fParameters.push_back(parameter);
+      fNominalTemplate.push_back(parameter);
+    }
+  } else if (fpSettings->GetInterceptUse()) {
+    fParameters.push_back(parameter);
+  }
+
+  const int targetOfEffects = nominal ? fResponseCategories.front() : -1;
+  const std::vector<GZLModelEffect>& effects = fpSettings->GetModelEffects();
+  for (std::size_t i = 0; i < effects.size() && i < fEffectInfo.size(); ++i) {
+    TQRegrParameter p;
+    p.SetTargetCategory(targetOfEffects);
+    // An effect without variables cannot be set up, but it still spans a design column: its
+    // parameter keeps the list aligned with the columns.
+    if (!p.SetupFromEffect(effects[i], static_cast<int>(i))) p.SetEffectIndex(static_cast<int>(i));
+    const GZLEffectInfo& info = fEffectInfo[i];
+    if (info.fNValues == 1 && p.GetNFactors() == 0) {
+      fParameters.push_back(p);
+      if (nominal) fNominalTemplate.push_back(p);
+      continue;
+    }
+    for (int column = 0; column < info.fNValues; ++column) {
+      // Combinations list the factors in nesting order, the order of the parameter's factors.
+      p.GetCategories() = info.fCombinations[static_cast<std::size_t>(column)];
+      fParameters.push_back(p);
+      if (nominal) fNominalTemplate.push_back(p);
+    }
+  }
+
+  if (nominal) {
+    fNominalTemplateSize = static_cast<int>(fNominalTemplate.size());
+    const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
+    const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
+    // One block per further category; the bound counts declared categories, the list holds
+    // observed ones only, so the loop stops at the end of the list. With one category never
+    // observed the last block goes to the reference category (kept on purpose).
+    for (int i = 1; i <= k - 2 && i < static_cast<int>(fResponseCategories.size()); ++i) {
+      for (const TQRegrParameter& t : fNominalTemplate) {
+        TQRegrParameter copy = t;
+        copy.SetTargetCategory(fResponseCategories[static_cast<std::size_t>(i)]);
+        fParameters.push_back(std::move(copy));
+      }
+    }
+  }
+  return status;
+}
+
+TQStatus GZLAlgorithm::BuildModel(IGZLRecordSource& source) {
+  if (!source.HasMoreRecords()) return fStatus = TQStatus::Error(GZLStatusCode::NoValidRecords);
+  if (!fbInitialized) InitializeModel(source);
+  DiscardFit();
+  if (fStatus.IsError()) return fStatus;
+  // The rewind result is not checked here: the first pass of the fit asks again and ends with
+  // NewPass when the source cannot start over.
+  source.Rewind();
+  fpDesignMatrix->SetRecordSource(&source);
+
+  fStatus = RunEstimation();
+  if (!fStatus.IsError() && !fBuildModelWarnings.empty()) return fBuildModelWarnings.back();
+  return fStatus;
+}
+
+bool GZLAlgorithm::IsModelBuilt() const {
+  if (fStatus.IsError()) return false;
+  return HasEstimates();
+}
+
+const std::vector<std::vector<int>>* GZLAlgorithm::GetPWCombinations(int) {
+  // Marginal means exist only after a fit.
+  if (!IsModelBuilt()) return nullptr;
+  return nullptr;
+}
+
+TQStatus GZLAlgorithm::GetOutputStats(const GZLOutputStats*&) {
+  if (!IsModelBuilt()) return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  // Reached only with estimates, which come with the estimation steps.
+  return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+}
+
+TQStatus GZLAlgorithm::Score(const Record&, GZLScoreStats&, const int*) {
+  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+}
+
+TQStatus GZLAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const TQApplicInfo4XML*) {
+  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+}
+
+void GZLAlgorithm::SetGainsRegr(const std::vector<LiftInfo>&) {}
+void GZLAlgorithm::SetGainCls(const std::vector<std::vector<LiftInfo>>&) {}
+void GZLAlgorithm::SetClassification(const TQClassificationMatrix&) {}
+
+void GZLAlgorithm::Display() const {
+  using namespace TQDisplay_940;
+  DisplayText(1, "GZLAlgorithm display start");
+  if (fpDesignMatrix) fpDesignMatrix->Display();
+  DisplayText(1, "Effect info:");
+  for (std::size_t i = 0; i < fEffectInfo.size(); ++i) fEffectInfo[i].Display(static_cast<int>(i));
+  DisplayText(1, "GZLAlgorithm display end");
+}
