@@ -203,8 +203,11 @@ int CsvTable::ColumnIndex(std::string_view name) const noexcept {
 
 bool CsvTable::Read(std::istream& in, const std::vector<CsvColumnRequest>& columns,
                     const CsvReadOptions& options, CsvTable& table, std::string& error) {
+  // Built aside so that a failure leaves an empty table.
+  error.clear();
+  table = CsvTable();
   try {
-    table = CsvTable();
+    CsvTable result;
     if (options.separator == '"' || options.separator == '\n' || options.separator == '\r') {
       error = "the separator cannot be a quote or a line break";
       return false;
@@ -221,37 +224,37 @@ bool CsvTable::Read(std::istream& in, const std::vector<CsvColumnRequest>& colum
       if (error.empty()) error = "the file is empty (no header line)";
       return false;
     }
-    table.fHeader = fields;
+    result.fHeader = fields;
     const std::size_t nFields = fields.size();
 
     // Resolve the requested columns against the header.
     std::vector<std::size_t> source;  // header position of each kept column
     for (const auto& request : columns) {
-      const int kept = table.ColumnIndex(request.name);
+      const int kept = result.ColumnIndex(request.name);
       if (kept >= 0) {
-        if (table.fColumns[kept].isFactor != (request.kind == CsvColumnKind::Factor)) {
+        if (result.fColumns[kept].isFactor != (request.kind == CsvColumnKind::Factor)) {
           error = "column '" + request.name + "' is used both as a factor and as a number";
           return false;
         }
         continue;
       }
-      const auto found = std::find(table.fHeader.begin(), table.fHeader.end(), request.name);
-      if (found == table.fHeader.end()) {
-        error = "unknown column '" + request.name + "' (the header has: " + JoinNames(table.fHeader) + ")";
+      const auto found = std::find(result.fHeader.begin(), result.fHeader.end(), request.name);
+      if (found == result.fHeader.end()) {
+        error = "unknown column '" + request.name + "' (the header has: " + JoinNames(result.fHeader) + ")";
         return false;
       }
-      if (std::find(found + 1, table.fHeader.end(), request.name) != table.fHeader.end()) {
+      if (std::find(found + 1, result.fHeader.end(), request.name) != result.fHeader.end()) {
         error = "column name '" + request.name + "' appears more than once in the header";
         return false;
       }
       CsvColumn column;
       column.name = request.name;
       column.isFactor = request.kind == CsvColumnKind::Factor;
-      table.fColumns.push_back(std::move(column));
-      source.push_back(static_cast<std::size_t>(found - table.fHeader.begin()));
+      result.fColumns.push_back(std::move(column));
+      source.push_back(static_cast<std::size_t>(found - result.fHeader.begin()));
     }
 
-    const std::size_t nCols = table.fColumns.size();
+    const std::size_t nCols = result.fColumns.size();
     std::vector<FactorCollector> collectors(nCols);
     while (reader.Next(fields, line, error)) {
       if (fields.size() != nFields) {
@@ -263,36 +266,36 @@ bool CsvTable::Read(std::istream& in, const std::vector<CsvColumnRequest>& colum
         const std::string& cell = fields[source[c]];
         double value = TQMV::Missing;
         if (!IsMissingCell(cell)) {
-          if (table.fColumns[c].isFactor) {
+          if (result.fColumns[c].isFactor) {
             value = collectors[c].Code(cell);
           } else if (!ParseCsvNumber(cell, value)) {
-            error = "line " + std::to_string(line) + ", column '" + table.fColumns[c].name + "': '" + cell +
+            error = "line " + std::to_string(line) + ", column '" + result.fColumns[c].name + "': '" + cell +
                     "' is not a number";
             return false;
           }
         }
-        table.fData.push_back(value);
+        result.fData.push_back(value);
       }
-      table.fRowLines.push_back(line);
-      ++table.fNumRows;
+      result.fRowLines.push_back(line);
+      ++result.fNumRows;
     }
     if (!error.empty()) return false;
 
     for (std::size_t c = 0; c < nCols; ++c) {
-      if (!table.fColumns[c].isFactor) continue;
-      const std::vector<int> finalCode = FinalFactorCodes(collectors[c], table.fColumns[c]);
-      for (std::size_t r = 0; r < table.fNumRows; ++r) {
-        double& cell = table.fData[r * nCols + c];
+      if (!result.fColumns[c].isFactor) continue;
+      const std::vector<int> finalCode = FinalFactorCodes(collectors[c], result.fColumns[c]);
+      for (std::size_t r = 0; r < result.fNumRows; ++r) {
+        double& cell = result.fData[r * nCols + c];
         if (!TQMV::IsMissing(cell)) cell = finalCode[static_cast<std::size_t>(cell)];
       }
     }
+    table = std::move(result);
     return true;
   } catch (const std::bad_alloc&) {
     error = "out of memory while reading the data";
   } catch (const std::exception& e) {
     error = std::string("error while reading the data: ") + e.what();
   }
-  table = CsvTable();
   return false;
 }
 

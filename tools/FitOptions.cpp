@@ -305,3 +305,51 @@ std::vector<CsvColumnRequest> FitColumnRequests(const FitOptions& options) {
   add(options.scaleWeight, CsvColumnKind::Numeric);
   return requests;
 }
+
+bool ResolveReferenceCategory(const FitOptions& options, const CsvTable& table, std::optional<int>& category,
+                              std::string& error) {
+  category.reset();
+  if (options.referenceCategory.empty()) return true;
+  const int column = table.ColumnIndex(options.response);
+  if (column < 0 || !table.Column(column).isFactor) {
+    error = "--ref-category: the response '" + options.response + "' is not categorical";
+    return false;
+  }
+  const std::vector<std::string>& labels = table.Column(column).labels;
+  if (labels.empty()) {
+    error = "--ref-category: the response '" + options.response + "' has no categories";
+    return false;
+  }
+  // A label takes precedence, so that a response with a category named "first" can use it.
+  const auto found = std::find(labels.begin(), labels.end(), options.referenceCategory);
+  if (found != labels.end()) {
+    category = static_cast<int>(found - labels.begin());
+  } else if (options.referenceCategory == "first") {
+    category = 0;
+  } else if (options.referenceCategory == "last") {
+    category = static_cast<int>(labels.size()) - 1;
+  } else {
+    std::string list;
+    for (const auto& label : labels) {
+      if (!list.empty()) list += ", ";
+      list += label;
+    }
+    error = "--ref-category: '" + options.referenceCategory + "' is not a category of '" + options.response +
+            "' (" + list + ")";
+    return false;
+  }
+  return true;
+}
+
+bool CheckFitData(const FitOptions& options, const CsvTable& table, std::string& error) {
+  if (options.distribution == TQConst::DistBinomial && options.responseForm == ResponseForm::Single) {
+    const int column = table.ColumnIndex(options.response);
+    if (column >= 0 && table.Column(column).labels.size() > 2) {
+      error = "the binomial response '" + options.response + "' has " +
+              std::to_string(table.Column(column).labels.size()) + " categories; it must have two";
+      return false;
+    }
+  }
+  std::optional<int> reference;
+  return ResolveReferenceCategory(options, table, reference, error);
+}

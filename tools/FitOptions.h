@@ -112,3 +112,13 @@ bool CheckFitOptions(const FitOptions& options, std::string& error);
 // factors, covariates, offset, frequency weight, scale weight. A column's position in the
 // resulting table is its field index in the records given to the engine.
 std::vector<CsvColumnRequest> FitColumnRequests(const FitOptions& options);
+
+// The category code of the response's reference category, from "first", "last" or a label;
+// std::nullopt when none was asked for. False with a message when the label is not a category
+// of the response.
+bool ResolveReferenceCategory(const FitOptions& options, const CsvTable& table, std::optional<int>& category,
+                              std::string& error);
+
+// Checks of the options that need the data: a single binomial response has at most two
+// categories, and the reference category exists.
+bool CheckFitData(const FitOptions& options, const CsvTable& table, std::string& error);

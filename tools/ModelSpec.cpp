@@ -247,7 +247,7 @@ std::string ModelTerm::Text() const {
 }
 
 bool ModelTerm::SameEffect(const ModelTerm& other) const {
-  if (nested != other.nested || covariatesInParens != other.covariatesInParens) return false;
+  if (nested != other.nested) return false;
   if (Sorted(covariates) != Sorted(other.covariates)) return false;
   if (nested) {
     // The nested factor keeps its place; the enclosing factors may come in any order.

@@ -24,7 +24,8 @@ struct ModelTerm {
 
   // The term in the effect-list syntax: factors before covariates, so a written x*a reads a*x.
   std::string Text() const;
-  // True for terms that denote the same effect, whatever the order of their variables.
+  // True for terms that denote the same effect, whatever the order of their variables; x(a)
+  // and a*x are one effect.
   bool SameEffect(const ModelTerm& other) const;
 };
 

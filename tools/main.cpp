@@ -125,6 +125,7 @@ int RunFitCommand(FitOptions& options) {
     return Fail(options.dataPath + ": " + error);
   }
   if (table.NumRows() == 0) return Fail(options.dataPath + ": no data records");
+  if (!CheckFitData(options, table, error)) return Fail(error);
 
   if (options.dryRun) {
     if (options.json) {
