@@ -14,6 +14,7 @@
 #include "support/LinkFunctions.h"
 #include "support/TQDisplay_940.h"
 #include "support/TQMV.h"
+#include "support/TQPower.h"
 
 namespace {
 
@@ -436,4 +437,181 @@ void GZLStatFactory::Display() const {
   DisplayD("Largest fitted probability of the observed category", fMaxP);
   DisplayD("Smallest fitted probability", fMinPi);
   DisplayText(1, "GZLStatFactory display end");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Passes of their own
+
+void GZLStatFactory::ComputeStartingRegression(TQStatus& status, double phi, TQSymMatrix& augmented, int& used,
+                                               int& seen) {
+  status.Clear();
+  used = seen = 0;
+  augmented = TQSymMatrix(fNParams + 1);
+  if (!fStatus.IsOK()) {
+    status = fStatus;
+    return;
+  }
+  if (!fpVarianceFunc) {
+    status = TQStatus::Error(GZLStatusCode::CantBuildModel);
+    return;
+  }
+  if (!fpSource->RestartPass()) {
+    status = TQStatus::Error(GZLStatusCode::NewPass);
+    return;
+  }
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  if (IsCancelled(cancel)) {
+    status = TQStatus::Error(1);
+    return;
+  }
+  const ITQLinkFunc* link = fpLinkFunc.get();
+  const IGZLVarianceFunc* var = fpVarianceFunc.get();
+  const std::size_t P = static_cast<std::size_t>(fNParams);
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    ++seen;
+    if (!row->fbInvalid && row->fValues.size() == P) {
+      double y = row->fResponse;
+      double n = 1.0;
+      if (fbBinarySingle)
+        y = (y == fEventValue) ? 1.0 : 0.0;
+      else if (fbBinomial && !TQMV::IsMissing(row->fTrials))
+        n = row->fTrials;
+      const double mu0 = fbBinomial ? (n * y + 0.5) / (n + 1.0) : y;
+      const double eta0 = link->GetEta(mu0);
+      const double V = var->GetVariance(mu0);
+      const double g1 = link->GetFirstDeriv(mu0, nullptr);
+      if (!TQMV::IsMissing(eta0) && !TQMV::IsMissing(V) && !TQMV::IsMissing(g1) && V > 0.0 && g1 != 0.0 &&
+          phi > 0.0) {
+        const double inv = 1.0 / g1;
+        const double inv2 = inv * inv;
+        if (!TQMV::IsMissingOrInfinite(inv2) && inv2 != 0.0) {
+          const double z = (eta0 - row->fOffset) + (y - mu0) * g1;
+          const double W = row->fFreqWeight * row->fScaleWeight / (phi * V) * inv2;
+          if (!TQMV::IsMissingOrInfinite(z) && !TQMV::IsMissingOrInfinite(W)) {
+            augmented.UpdateXXAug(row->fValues, z, W);
+            ++used;
+          }
+        }
+      }
+    }
+    if (IsCancelled(cancel)) {
+      status = TQStatus::Error(1);
+      return;
+    }
+  }
+}
+
+double GZLStatFactory::ComputeInitialScale(TQStatus& status, const std::vector<double>& beta, int& skipped) {
+  status.Clear();
+  skipped = 0;
+  if (!fStatus.IsOK()) {
+    status = fStatus;
+    return 0.0;
+  }
+  if (!fpVarianceFunc || static_cast<int>(beta.size()) < fNParams) {
+    status = TQStatus::Error(GZLStatusCode::InternalError);
+    return 0.0;
+  }
+  if (!fpSource->RestartPass()) {
+    status = TQStatus::Error(GZLStatusCode::NewPass);
+    return 0.0;
+  }
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  if (IsCancelled(cancel)) {
+    status = TQStatus::Error(1);
+    return 0.0;
+  }
+  const ITQLinkFunc* link = fpLinkFunc.get();
+  const IGZLVarianceFunc* var = fpVarianceFunc.get();
+  const std::size_t P = static_cast<std::size_t>(fNParams);
+  double sum = 0.0;
+  int counted = 0, seen = 0;
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    ++seen;
+    bool ok = false;
+    if (!row->fbInvalid && row->fValues.size() == P) {
+      const double y = row->fResponse;
+      const double etaY = link->GetEta(y);
+      const double V = var->GetVariance(y);
+      const double g1 = link->GetFirstDeriv(y, nullptr);
+      if (!TQMV::IsMissing(etaY) && !TQMV::IsMissing(V) && !TQMV::IsMissing(g1) && V > 0.0 && g1 != 0.0) {
+        const double inv = 1.0 / g1;
+        const double inv2 = inv * inv;
+        if (!TQMV::IsMissingOrInfinite(inv2) && inv2 != 0.0) {
+          const double r = etaY - LinearPredictor(row->fValues.data(), beta.data(), fNParams, row->fOffset);
+          sum += r * r * (row->fFreqWeight * row->fScaleWeight / V) * inv2;
+          ++counted;
+          ok = true;
+        }
+      }
+    }
+    if (!ok) ++skipped;
+    if (IsCancelled(cancel)) {
+      status = TQStatus::Error(1);
+      return 0.0;
+    }
+  }
+  if (seen > 0 && counted == 0) {
+    status = TQStatus::Error(GZLStatusCode::CantBuildModel);
+    return 0.0;
+  }
+  if (sum == 0.0 || counted == 0 || TQMV::IsMissingOrInfinite(sum)) return 0.0;
+  return sum / counted;
+}
+
+void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts) {
+  status.Clear();
+  crossProducts = TQSymMatrix(fNParams);
+  if (!fpSource->RestartPass()) {
+    status = TQStatus::Error(GZLStatusCode::NewPass);
+    return;
+  }
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  if (IsCancelled(cancel)) {
+    status = TQStatus::Error(1);
+    return;
+  }
+  const std::size_t P = static_cast<std::size_t>(fNParams);
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    if (!row->fbInvalid && row->fValues.size() == P)
+      crossProducts.UpdateXX(row->fValues, row->fFreqWeight * row->fScaleWeight);
+    if (IsCancelled(cancel)) {
+      status = TQStatus::Error(1);
+      return;
+    }
+  }
+}
+
+double GZLStatFactory::ComputeResidualSS(TQStatus& status, const std::vector<double>& beta) {
+  status.Clear();
+  if (static_cast<int>(beta.size()) < fNParams) {
+    status = TQStatus::Error(GZLStatusCode::InternalError);
+    return TQMV::Missing;
+  }
+  if (!fpSource->RestartPass()) {
+    status = TQStatus::Error(GZLStatusCode::NewPass);
+    return TQMV::Missing;
+  }
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  if (IsCancelled(cancel)) {
+    status = TQStatus::Error(1);
+    return TQMV::Missing;
+  }
+  const std::size_t P = static_cast<std::size_t>(fNParams);
+  double ss = 0.0;
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    if (!row->fbInvalid && row->fValues.size() == P) {
+      const double fitted = LinearPredictor(row->fValues.data(), beta.data(), fNParams, row->fOffset);
+      const double y = row->fResponse;
+      if (!TQPower::AlmostEqual(y, fitted, 8.0)) {
+        const double r = y - fitted;
+        ss += row->fFreqWeight * row->fScaleWeight * r * r;
+      }
+    }
+    if (IsCancelled(cancel)) {
+      status = TQStatus::Error(1);
+      return TQMV::Missing;
+    }
+  }
+  return ss;
 }

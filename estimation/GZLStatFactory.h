@@ -57,6 +57,22 @@ class GZLStatFactory {
   bool SetDistParam(double k);
   double GetDistParam() const noexcept { return fDistParam; }
 
+  // ---- passes of their own (each rewinds the source; 130089 when it cannot, 1 when cancelled) ----
+  // The weighted least squares regression of the starting values: at the starting means
+  // (binomial (n y + 0.5) / (n + 1), else y) accumulates the augmented cross-product
+  // [X'WX X'Wz; z'WX z'Wz] ((P+1) rows) of the working response z = (eta0 - o) + (y - mu0) g'
+  // with W = f s / (phi V) (1/g')^2. `used` counts the records that entered, `seen` all rows.
+  void ComputeStartingRegression(TQStatus& status, double phi, TQSymMatrix& augmented, int& used, int& seen);
+  // The moment estimate of the scale at beta: the mean over the usable records of
+  // (g(y) - o - x'beta)^2 (f s / V(y)) (1/g'(y))^2; 0 when nothing counted. `skipped` gets the
+  // number of records that could not be used. 130018 when records were seen but none counted.
+  double ComputeInitialScale(TQStatus& status, const std::vector<double>& beta, int& skipped);
+  // X'X of the complete rows, each weighted by f s.
+  void ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts);
+  // Sum of f s (y - (o + x'beta))^2; a residual whose response and fitted value agree to 8 units
+  // in the last place counts as 0.
+  double ComputeResidualSS(TQStatus& status, const std::vector<double>& beta);
+
   // Separation decision for the last pass: warning 130044, 130045 or OK.
   void CheckSeparation(TQStatus& status) const;
 
