@@ -217,15 +217,13 @@ bool GZLAlgorithm::IsModelBuilt() const {
   return HasEstimates();
 }
 
-const std::vector<std::vector<int>>* GZLAlgorithm::GetPWCombinations(int) {
-  // Marginal means exist only after a fit.
-  if (!IsModelBuilt()) return nullptr;
-  return nullptr;
-}
+// The results below exist only after a fit with estimates (IsModelBuilt); the objects that
+// compute them (marginal means, output statistics, scoring engine, PMML writer) are created
+// here by the inference, scoring and export steps.
+const std::vector<std::vector<int>>* GZLAlgorithm::GetPWCombinations(int) { return nullptr; }
 
 TQStatus GZLAlgorithm::GetOutputStats(const GZLOutputStats*&) {
-  if (!IsModelBuilt()) return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
-  // Reached only with estimates, which come with the estimation steps.
+  // Asking for results of a model that is not built leaves ModelNotBuilt as the stored status.
   return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
 }
 

@@ -1,5 +1,7 @@
 #include "GZLEffectInfo.h"
 
+#include <string>
+
 #include "support/TQDisplay_940.h"
 
 void GZLEffectInfo::Display(int number) const {
@@ -9,5 +11,5 @@ void GZLEffectInfo::Display(int number) const {
   DisplayI("start", fStart);
   DisplayI("number of values", fNValues);
   DisplayText(1, "Combinations:");
-  for (const auto& combination : fCombinations) DisplayIV("", combination);
+  for (std::size_t c = 0; c < fCombinations.size(); ++c) DisplayIV("Column " + std::to_string(c), fCombinations[c]);
 }

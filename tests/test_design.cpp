@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
+#include <sstream>
 #include <vector>
 
 #include "GZLConst_940.h"
@@ -18,6 +19,7 @@
 #include "data/GZLDesignMatrix.h"
 #include "data/GZLRecordStrategies.h"
 #include "datapass_helpers.h"
+#include "support/TQDisplay_940.h"
 
 // Counts every allocation of the test program, so that a data pass can be shown to allocate
 // nothing per record.
@@ -671,4 +673,75 @@ TEST(Design, RowBuildingDoesNotAllocate) {
   EXPECT_TRUE(sameRow);
   EXPECT_TRUE(sameBuffer);
   EXPECT_TRUE(std::isfinite(sum));
+}
+
+// Ordinal: the thresholds play the intercept's part, so centring moves every threshold;
+// theta_t - x'beta is the same in both designs at the back-transformed estimates.
+TEST(Design, ScaledOrdinalAndNominalTransforms) {
+  auto build = [](bool scaled, Model& m, TQConst::DistType dist) {
+    m.s.SetTransformEffects(scaled);
+    m.s.SetDistType(dist);
+    if (dist == TQConst::DistOrdinalMultinomial) m.s.SetLinkType(TQConst::LinkCumLogit);
+    m.s.SetScaleType(GZLConst_940::ScaleFixed);
+    m.s.SetDependentSize(3);
+    m.Effect({}, {1});
+    m.Effect({}, {2});
+  };
+  const std::vector<std::vector<double>> data{{0, 1.5, 2}, {1, -0.5, 3}, {2, 4.0, -1}, {1, 2.5, 0.5}};
+  Model mu({}, {1, 2});
+  Model ms({}, {1, 2});
+  build(false, mu, TQConst::DistOrdinalMultinomial);
+  build(true, ms, TQConst::DistOrdinalMultinomial);
+  Design du(mu.s, data);
+  Design ds(ms.s, data);
+  ASSERT_TRUE(ds.status.IsOK());
+  ASSERT_EQ(ds.design->GetNumOfParams(), 4);  // 2 thresholds, 2 slopes
+  const std::vector<double> scaled{-0.5, 0.75, 1.25, -2.0};
+  std::vector<double> beta;
+  ASSERT_TRUE(ds.design->GetBackTransform().ComputeRV(scaled, beta));
+  const auto ru = du.Rows();
+  const auto rs = ds.Rows();
+  ASSERT_EQ(rs.size(), data.size());
+  for (std::size_t i = 0; i < data.size(); ++i) {
+    ASSERT_EQ(rs[i].size(), 2u);
+    for (int t = 0; t < 2; ++t) {
+      const double etaU = beta[static_cast<std::size_t>(t)] - ru[i][0] * beta[2] - ru[i][1] * beta[3];
+      const double etaS = scaled[static_cast<std::size_t>(t)] - rs[i][0] * scaled[2] - rs[i][1] * scaled[3];
+      EXPECT_NEAR(etaU, etaS, 1e-12) << "record " << i << " threshold " << t;
+    }
+  }
+  // Nominal: one block per non-reference logit.
+  Model mn({}, {1, 2});
+  mn.s.SetInterceptUse(true);
+  build(true, mn, TQConst::DistNominalMultinomial);
+  Design dn(mn.s, data);
+  ASSERT_TRUE(dn.status.IsOK());
+  EXPECT_EQ(dn.design->GetNumOfParams(), 3);
+  const TQRectMatrix& a = dn.design->GetBackTransform();
+  ASSERT_EQ(a.GetNumRows(), 6);
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) {
+      EXPECT_EQ(a(i + 3, j + 3), a(i, j));
+      EXPECT_EQ(a(i, j + 3), 0.0);
+    }
+  EXPECT_NE(a(0, 1), 0.0);
+  EXPECT_FALSE(dn.design->IsResponseCentred());
+}
+
+TEST(Design, Displays) {
+  datapass_test::ReferenceModel model("warpbreaks_poisson_interaction.json");
+  GZLAlgorithm a(model.settings);
+  GZLMemorySource src = model.Source();
+  ASSERT_TRUE(a.InitializeModel(src).IsOK());
+  std::ostringstream out;
+  {
+    TQDisplay_940::ScopedStream scope(out);
+    a.Display();
+  }
+  const std::string text = out.str();
+  for (const char* label : {"GZLAlgorithm display start", "GZLDesignMatrix display start", "GZLDataStats display start",
+                            "Total number of records in data set: 54", "Parameter size: 12",
+                            "GZLDesignMatrixEffect display start", "GZLDictionary display start", "Effect info:",
+                            "number of values: 6", "GZLAlgorithm display end"})
+    EXPECT_NE(text.find(label), std::string::npos) << label;
 }
