@@ -65,6 +65,41 @@ TQStatus GZLOmnibusTest::Run() {
   return fStatus;
 }
 
+TQStatus GZLOmnibusTest::FitNullModel(const GZLSettings& nullSettings, double& nullLL, int& nullParams) {
+  const GZLConst_940::ScaleMethod scaleMethod = fSettings.GetScaleType();
+  nullLL = TQMV::Missing;
+  nullParams = 0;
+  fbLastFitNotConverged = true;
+  GZLDesignRowSource rows(*fpDesign);
+  GZLOptimizerForGZLM nullFit(rows, nullSettings, false);
+  TQStatus status = nullFit.Estimate();
+  if (status.GetErrorCode() == 1 || status.GetErrorCode() == GZLStatusCode::NewPass) {
+    fbLastFitNotConverged = false;  // cancelled or no data: trying again will not help
+    return status;
+  }
+  const GZLConst_940::StoppingCriteria criterion = nullFit.GetStoppingCriterion();
+  fbLastFitNotConverged = status.IsError() || (criterion != GZLConst_940::AllConverged &&
+                                               criterion != GZLConst_940::HessianCriterionUnmet &&
+                                               criterion != GZLConst_940::NoIterations);
+  if (status.GetErrorCode() == GZLStatusCode::AllInvalidRecordsForLinkFunction) {
+    status = TQStatus::Error(GZLStatusCode::AllInvalidRecordsForLinkFunction);
+  } else if (!status.IsError() && !(nullFit.GetPhi() > 0.0)) {
+    status = TQStatus::Error(GZLStatusCode::ScaleIsZero);
+  } else if (!status.IsError() && nullFit.IsInvalidForLink()) {
+    status = TQStatus::Error(GZLStatusCode::InvalidRecordsForLinkFunction);
+  }
+  if (!status.IsError()) {
+    // With a deviance or Pearson scale the null model is evaluated at the fitted model's scale.
+    const TQStatus post = nullFit.PostEstimation(IsScaleFromFit(scaleMethod) ? fpFitted->GetPhi() : TQMV::Missing);
+    if (post.IsError()) status = post;
+  }
+  if (!status.IsError()) {
+    nullLL = IsScaleFromFit(scaleMethod) ? nullFit.GetLogLikelihoodScaleFixed() : nullFit.GetLogLikelihood();
+    nullParams = nullFit.GetInitRedunInfo().Count();
+  }
+  return status;
+}
+
 TQStatus GZLOmnibusTest::RunRefit(double& nullLL, int& nullParams) {
   const GZLConst_940::ScaleMethod scaleMethod = fSettings.GetScaleType();
   const bool intercept = fSettings.GetInterceptUse();
@@ -93,27 +128,13 @@ TQStatus GZLOmnibusTest::RunRefit(double& nullLL, int& nullParams) {
   const int previousReduced = fpDesign->GetReducedNParams();
   if (!fpDesign->SetReducedModel(intercept ? 1 : 0)) return TQStatus::Error(GZLStatusCode::InternalError);
 
-  TQStatus status;
-  {
-    GZLDesignRowSource rows(*fpDesign);
-    GZLOptimizerForGZLM nullFit(rows, nullSettings, false);
-    status = nullFit.Estimate();
-    if (status.GetErrorCode() == GZLStatusCode::AllInvalidRecordsForLinkFunction) {
-      status = TQStatus::Error(GZLStatusCode::AllInvalidRecordsForLinkFunction);
-    } else if (!status.IsError() && !(nullFit.GetPhi() > 0.0)) {
-      status = TQStatus::Error(GZLStatusCode::ScaleIsZero);
-    } else if (!status.IsError() && nullFit.IsInvalidForLink()) {
-      status = TQStatus::Error(GZLStatusCode::InvalidRecordsForLinkFunction);
-    }
-    if (!status.IsError()) {
-      // With a deviance or Pearson scale the null model is evaluated at the fitted model's scale.
-      const TQStatus post = nullFit.PostEstimation(IsScaleFromFit(scaleMethod) ? fpFitted->GetPhi() : TQMV::Missing);
-      if (post.IsError()) status = post;
-    }
-    if (!status.IsError()) {
-      nullLL = IsScaleFromFit(scaleMethod) ? nullFit.GetLogLikelihoodScaleFixed() : nullFit.GetLogLikelihood();
-      nullParams = nullFit.GetInitRedunInfo().Count();
-    }
+  // The fitted intercept can be a poor start for the null model (a logit intercept that only
+  // makes sense next to strong slopes leaves the null fit stranded where its information
+  // vanishes); a null fit that does not converge from it is repeated from the data-driven start.
+  TQStatus status = FitNullModel(nullSettings, nullLL, nullParams);
+  if (!start.empty() && fbLastFitNotConverged) {
+    nullSettings.SetInitParams(std::vector<double>());
+    status = FitNullModel(nullSettings, nullLL, nullParams);
   }
 
   if (wasReduced)

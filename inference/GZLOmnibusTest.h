@@ -50,6 +50,8 @@ class GZLOmnibusTest {
 
  private:
   TQStatus RunRefit(double& nullLL, int& nullParams);
+  // One null fit on the reduced design; sets fbLastFitNotConverged.
+  TQStatus FitNullModel(const GZLSettings& nullSettings, double& nullLL, int& nullParams);
 
   GZLSettings fSettings;
   GZLDesignMatrix* fpDesign;
@@ -62,4 +64,5 @@ class GZLOmnibusTest {
   double fNullLogLikelihood = TQMV::Missing;
   double fFittedLogLikelihood = TQMV::Missing;
   std::vector<TQStatus> fWarnings;
+  bool fbLastFitNotConverged = false;
 };

@@ -1,0 +1,188 @@
+#pragma once
+// Test helper: the reference models of tests/data/reference as engine settings, and their data
+// as an in-memory record source.
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "GZLModelEffect.h"
+#include "GZLRecord.h"
+#include "GZLSettings.h"
+
+namespace output_test {
+
+inline std::string RefDir() { return std::string(GZL_TEST_DATA_DIR) + "/reference"; }
+
+// A CSV table held in memory, served record by record.
+class TableSource : public IGZLRecordSource {
+ public:
+  explicit TableSource(const std::string& file) {
+    std::ifstream in(file);
+    std::string line;
+    std::getline(in, line);
+    std::stringstream header(line);
+    std::string name;
+    while (std::getline(header, name, ',')) fNames.push_back(name);
+    while (std::getline(in, line)) {
+      if (line.empty()) continue;
+      std::stringstream ss(line);
+      std::string cell;
+      std::vector<double> row;
+      while (std::getline(ss, cell, ',')) row.push_back(std::stod(cell));
+      fRows.push_back(row);
+    }
+  }
+  TableSource(std::vector<std::string> names, std::vector<std::vector<double>> rows)
+      : fNames(std::move(names)), fRows(std::move(rows)) {}
+
+  int Column(const std::string& name) const {
+    for (size_t i = 0; i < fNames.size(); ++i)
+      if (fNames[i] == name) return static_cast<int>(i);
+    return -1;
+  }
+  int Levels(int column) const {
+    double mx = 0.0;
+    for (const auto& r : fRows) mx = std::max(mx, r[column]);
+    return static_cast<int>(mx) + 1;
+  }
+  double Sum(int column) const {
+    double s = 0.0;
+    for (const auto& r : fRows) s += r[column];
+    return s;
+  }
+  size_t NumRows() const { return fRows.size(); }
+  int fRewinds = 0;
+
+  bool HasMoreRecords() override { return fNext < fRows.size(); }
+  const Record* NextRecord() override {
+    if (fNext >= fRows.size()) return nullptr;
+    const auto& r = fRows[fNext++];
+    fRecord.Reset(r.data(), r.size());
+    return &fRecord;
+  }
+  int Rewind() override {
+    ++fRewinds;
+    fNext = 0;
+    return 0;
+  }
+
+ private:
+  std::vector<std::string> fNames;
+  std::vector<std::vector<double>> fRows;
+  size_t fNext = 0;
+  Record fRecord;
+};
+
+// One reference case: the expected figures, the data and the engine settings built from the
+// model description.
+struct ReferenceCase {
+  std::string name;
+  nlohmann::json model;
+  nlohmann::json expected;
+  std::unique_ptr<TableSource> source;
+  GZLSettings settings;
+  std::vector<int> modelVars;  // factors then covariates, shared by the effects
+  bool ok = true;
+  std::string problem;
+};
+
+inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10) {
+  auto c = std::make_unique<ReferenceCase>();
+  std::ifstream in(jsonPath);
+  const nlohmann::json j = nlohmann::json::parse(in);
+  c->name = j["name"];
+  c->model = j["model"];
+  c->expected = j["expected"];
+  c->source = std::make_unique<TableSource>(RefDir() + "/data/" + j["data"].get<std::string>());
+  const auto& m = c->model;
+  TableSource& src = *c->source;
+  GZLSettings& s = c->settings;
+  auto fail = [&](const std::string& what) {
+    c->ok = false;
+    c->problem += what + "; ";
+  };
+  auto col = [&](const std::string& name) {
+    const int k = src.Column(name);
+    if (k < 0) fail("no column " + name);
+    return k;
+  };
+
+  static const std::map<std::string, TQConst::DistType> dists{
+      {"normal", TQConst::DistNormal},       {"binomial", TQConst::DistBinomial}, {"gamma", TQConst::DistGamma},
+      {"invgauss", TQConst::DistInvGaussian}, {"negbin", TQConst::DistNegBinomial}, {"poisson", TQConst::DistPoisson},
+      {"tweedie", TQConst::DistTweedie}};
+  static const std::map<std::string, TQConst::LinkType> links{
+      {"cloglog", TQConst::LinkCLogLog}, {"identity", TQConst::LinkIdentity}, {"log", TQConst::LinkLog},
+      {"logc", TQConst::LinkLogC},       {"logit", TQConst::LinkLogit},       {"negbin", TQConst::LinkNegBinomial},
+      {"loglog", TQConst::LinkNLogLog},  {"oddspower", TQConst::LinkOddsPower}, {"power", TQConst::LinkPower},
+      {"probit", TQConst::LinkProbit}};
+  static const std::map<std::string, GZLConst_940::ScaleMethod> scales{
+      {"mle", GZLConst_940::ScaleMLE},
+      {"deviance", GZLConst_940::ScaleDeviance},
+      {"pearson", GZLConst_940::ScalePearson},
+      {"fixed", GZLConst_940::ScaleFixed}};
+
+  s.SetDistType(dists.at(m["dist"]));
+  s.SetLinkType(links.at(m["link"]));
+  if (m.contains("link_param")) s.SetLinkParam(m["link_param"].get<double>());
+  if (m.contains("dist_param")) {
+    if (!s.SetDistParam(m["dist_param"].get<double>())) fail("dist_param refused");
+    s.SetInitDistParam(m["dist_param"].get<double>());
+  }
+  s.SetDistParamType((m.contains("k_method") && m["k_method"] == "mle") ? GZLConst_940::DistParamMLE
+                                                                         : GZLConst_940::DistParamFixed);
+  s.SetScaleType(scales.at(m.value("scale", std::string("fixed"))));
+  if (m.contains("scale_value")) s.SetScaleValue(m["scale_value"].get<double>());
+
+  if (m.contains("response")) {
+    if (!s.SetDependent(col(m["response"]))) fail("dependent refused");
+    if (m["dist"] == "binomial") s.SetDependentRefCateg(m.value("ref_category", 0));
+  } else if (m.contains("events")) {
+    if (m["trials"].is_string()) {
+      if (!s.SetEventsTrials(col(m["events"]), col(m["trials"]))) fail("events/trials refused");
+    } else if (!s.SetEventsConstTrials(col(m["events"]), m["trials"].get<double>())) {
+      fail("events/constant trials refused");
+    }
+  }
+  if (m.contains("offset") && !s.SetOffset(col(m["offset"]))) fail("offset refused");
+  if (m.contains("freq_weight") && !s.SetFrequencyWeightVar(col(m["freq_weight"]))) fail("frequency weight refused");
+  if (m.contains("scale_weight") && !s.SetRegrWeightVar(col(m["scale_weight"]))) fail("scale weight refused");
+
+  std::vector<int> factors, covariates;
+  for (const auto& f : m.value("factors", nlohmann::json::array())) factors.push_back(col(f));
+  for (const auto& v : m.value("covariates", nlohmann::json::array())) covariates.push_back(col(v));
+  for (int f : factors)
+    if (!s.AddFactor(f, src.Levels(f))) fail("factor refused");
+  for (int v : covariates)
+    if (!s.AddCovariate(v)) fail("covariate refused");
+  c->modelVars = factors;
+  c->modelVars.insert(c->modelVars.end(), covariates.begin(), covariates.end());
+  const int nf = static_cast<int>(factors.size()), nc = static_cast<int>(covariates.size());
+  for (const auto& e : m["effects"]) {
+    GZLModelEffect effect(nf, nc, &c->modelVars);
+    bool first = true;
+    const bool nested = e.value("nested", false);
+    for (const auto& f : e["factors"]) {
+      if (!effect.AddNewFactor(col(f), nested && !first)) fail("effect factor refused");
+      first = false;
+    }
+    for (const auto& v : e["covariates"])
+      if (effect.AddCovariate(col(v)) < 1) fail("effect covariate refused");
+    if (!s.AddModelEffect(effect)) fail("effect refused");
+  }
+  s.SetInterceptUse(m.value("intercept", true));
+
+  // Tight convergence so that the figures can be compared to a relative 1e-6.
+  s.SetLLConCriterion(0.0);
+  s.SetParamEstConCriterion(tolerance);
+  s.SetToleranceHessian(0.0);
+  s.SetMaxIterations(200);
+  s.SetModelFittingTest(true);
+  if (!s.IsValid()) fail("settings not valid");
+  return c;
+}
+
+}  // namespace output_test
