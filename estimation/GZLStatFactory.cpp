@@ -206,13 +206,12 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
         int* idx = fRowIndices.data();
         double* val = fRowValues.data();
         int m = 0;
+        // Branch-free: which factor level is set changes from record to record.
         for (const int j : fModelIndices) {
           const double xj = x[j];
-          if (xj != 0.0) {
-            idx[m] = j;
-            val[m] = xj;
-            ++m;
-          }
+          idx[m] = j;
+          val[m] = xj;
+          m += (xj != 0.0);
         }
         const double w = f * s;
         const double r = w * (y - mu) / (g1 * V * fPhi);
