@@ -1,9 +1,12 @@
 #include "data/GZLAlgorithm.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "GZLConst_940.h"
 #include "GZLSettings.h"
+#include "estimation/GZLDesignRowSource.h"
+#include "estimation/GZLOptimizer.h"
 #include "support/TQDisplay_940.h"
 
 namespace {
@@ -35,18 +38,51 @@ void GZLAlgorithm::AddWarning(std::vector<TQStatus>& list, const TQStatus& statu
 }
 
 void GZLAlgorithm::DiscardFit() {
-  // The optimizer, inference and test objects of a fit are owned here once estimation is
-  // linked in; a new fit starts without them.
+  // A new fit starts without the optimizer, inference and test objects of the previous one.
+  fpOptimizer.reset();
+  fpRowSource.reset();
 }
 
-bool GZLAlgorithm::HasEstimates() const {
-  // The optimizer's estimates-available flag; no optimizer, no estimates.
-  return false;
-}
+GZLOptimizer* GZLAlgorithm::GetOptimizer() const { return fpOptimizer.get(); }
+
+bool GZLAlgorithm::HasEstimates() const { return fpOptimizer != nullptr && fpOptimizer->IsEstimated(); }
 
 TQStatus GZLAlgorithm::RunEstimation() {
-  // The estimation steps are wired in by the optimizer: until then a fit cannot be built.
-  return TQStatus::Error(GZLStatusCode::CantBuildModel);
+  const GZLSettings& s = *fpSettings;
+  const bool normalIdentity = s.GetDistType() == TQConst::DistNormal && s.GetLinkType() == TQConst::LinkIdentity;
+  const bool mixedHost = s.GetGZLModelType() == GZLConst_940::GZLMMM;
+  // The optimizer over the design rows; no iteration listener for a silent (inner) fit.
+  fpRowSource = std::make_unique<GZLDesignRowSource>(*fpDesignMatrix);
+  fpOptimizer = std::make_unique<GZLOptimizerForGZLM>(*fpRowSource, s, fbReportIterations);
+  if (mixedHost && normalIdentity) fpOptimizer->SetThetaEstType(s.GetThetaEstTypeGZLMMM());
+
+  TQStatus status = fpOptimizer->Estimate();
+  const bool allInvalid = status.GetErrorCode() == GZLStatusCode::AllInvalidRecordsForLinkFunction;
+  if (!status.IsError() && !allInvalid && fpOptimizer->GetPhi() > 0.0) {
+    status = fpOptimizer->GetStatus();
+    if (!status.IsError()) {
+      const TQStatus post = fpOptimizer->PostEstimation();
+      if (post.IsError()) {
+        status = post;
+      } else if (mixedHost && normalIdentity && s.GetThetaEstTypeGZLMMM() == 1) {
+        // The restricted log-likelihood of the mixed-model host. ln(2 pi) is kept exactly as
+        // this literal gives it.
+        const double p = fpOptimizer->GetNumNonRedundant();
+        double delta = (std::log(fpOptimizer->GetPhi()) + 1.8378770664093456) * p / 2.0 -
+                       fpOptimizer->GetCorrectionTerm() / 2.0;
+        if (fpDesignMatrix->IsScaledDesign()) {
+          const TQRectMatrix& back = fpDesignMatrix->GetBackTransform();
+          const TQBitSet& inModel = fpOptimizer->GetInitRedunInfo();
+          for (int j = 0; j < back.GetNumRows() && j < back.GetNumCols(); ++j)
+            if (inModel.Test(j) && back(j, j) > 0.0) delta += std::log(back(j, j));
+        }
+        fpOptimizer->AdjustLogLikelihood(delta);
+      }
+    }
+  }
+  for (const TQStatus& w : fpOptimizer->GetWarnings()) AddWarning(fBuildModelWarnings, w);
+  if (allInvalid) status = TQStatus::Warning(GZLStatusCode::AllInvalidRecordsForLinkFunction);
+  return status;
 }
 
 TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {

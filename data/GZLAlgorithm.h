@@ -16,6 +16,8 @@
 #include "support/TQStatus.h"
 
 class GZLSettings;
+class GZLDesignRowSource;
+class GZLOptimizerForGZLM;
 
 class GZLAlgorithm : public IGZLAlgorithm {
  public:
@@ -47,7 +49,7 @@ class GZLAlgorithm : public IGZLAlgorithm {
   const std::vector<TQStatus>& GetBuildModelWarnings() const override { return fBuildModelWarnings; }
   const std::vector<TQStatus>& GetEmmeansWarnings() const override { return fEmmeansWarnings; }
   const std::vector<TQStatus>& GetEffectAnalysisWarnings() const override { return fEffectAnalysisWarnings; }
-  GZLOptimizer* GetOptimizer() const override { return nullptr; }
+  GZLOptimizer* GetOptimizer() const override;
   void SetPropensityCategory(int category) override { fPropensityCategory = category; }
   void SetNumOfPredictors(int n) override { fNumOfPredictors = n; }
   void SetGainsRegr(const std::vector<LiftInfo>& gains) override;
@@ -61,6 +63,8 @@ class GZLAlgorithm : public IGZLAlgorithm {
   bool IsEstimationOnly() const noexcept { return fbEstimationOnly; }
   void SetReportIterations(bool on) noexcept { fbReportIterations = on; }
   bool GetReportIterations() const noexcept { return fbReportIterations; }
+  // The optimizer of the last fit (null before a fit).
+  GZLOptimizerForGZLM* GetGZLOptimizer() const noexcept { return fpOptimizer.get(); }
   // Null before the first InitializeModel.
   GZLDesignMatrix* GetDesignMatrix() noexcept { return fpDesignMatrix.get(); }
   const GZLDesignMatrix* GetDesignMatrix() const noexcept { return fpDesignMatrix.get(); }
@@ -101,6 +105,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   const GZLSettings* fpSettings;
   TQStatus fStatus;
   std::unique_ptr<GZLDesignMatrix> fpDesignMatrix;
+  // The design rows as the estimation passes read them, and the optimizer of the last fit.
+  std::unique_ptr<GZLDesignRowSource> fpRowSource;
+  std::unique_ptr<GZLOptimizerForGZLM> fpOptimizer;
   std::vector<TQStatus> fBuildModelWarnings;
   std::vector<TQStatus> fEffectAnalysisWarnings;
   std::vector<TQStatus> fEmmeansWarnings;

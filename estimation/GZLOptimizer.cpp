@@ -87,6 +87,11 @@ double GZLOptimizer::GetLogLikelihoodScaleFixed() const noexcept {
   return fpSettings->GetLLType() == GZLConst_940::LLKernel ? fKernelLLScaleFixed : fFullLLScaleFixed;
 }
 
+void GZLOptimizer::AdjustLogLikelihood(double delta) noexcept {
+  for (double* ll : {&fKernelLL, &fFullLL, &fKernelLLScaleFixed, &fFullLLScaleFixed})
+    if (!TQMV::IsMissing(*ll)) *ll += delta;
+}
+
 void GZLOptimizer::AddWarning(const TQStatus& warning) {
   if (!warning.IsWarning()) return;
   if (std::find(fWarnings.begin(), fWarnings.end(), warning) == fWarnings.end()) fWarnings.push_back(warning);

@@ -137,6 +137,9 @@ class GZLOptimizer {
   void SetLRFit(bool on) noexcept { fbLRFit = on; }
   bool IsLRFit() const noexcept { return fbLRFit; }
   void SetBiasCorrection(bool on) noexcept { fbBiasCorrection = on; }
+  // Adds delta to the kernel and full log-likelihoods (those at the fixed scale too): the
+  // restricted log-likelihood of a mixed-model host.
+  void AdjustLogLikelihood(double delta) noexcept;
   void SetThetaEstType(GZLConst_940::ThetaEstTypeGZLMMM type) noexcept { fThetaEstType = type; }
   GZLConst_940::ThetaEstTypeGZLMMM GetThetaEstType() const noexcept { return fThetaEstType; }
 

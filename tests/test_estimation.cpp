@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <string>
 
+#include "GZLFactory.h"
+#include "IGZLAlgorithm.h"
 #include "data/GZLDesignMatrix.h"
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
@@ -136,4 +138,35 @@ TEST(Estimation, GammaInversePowerLink) {
   EXPECT_TRUE(Near(opt.GetDeviance(), 1.303781380602, "deviance"));
   EXPECT_TRUE(Near(opt.GetPearson(), 1.168645966906, "Pearson"));
   EXPECT_TRUE(Near(opt.GetPhi(), 1.168645966906 / 28.0, "Pearson scale"));
+}
+
+// The same reference models through the algorithm interface: BuildModel initialises, fits and
+// runs the post-estimation step; the optimizer is reachable and the fit is built.
+TEST(Estimation, BuildModelEndToEnd) {
+  for (const auto& file : ReferenceFiles()) {
+    if (file.find("trees_gamma_inverse_pearson") != std::string::npos) continue;
+    auto c = LoadCase(file, 1e-10);
+    SCOPED_TRACE(c->name);
+    std::unique_ptr<IGZLAlgorithm> algorithm(GZLFactory::CreateAlgorithm(c->settings, false));
+    ASSERT_NE(algorithm, nullptr);
+    const TQStatus st = algorithm->BuildModel(*c->source);
+    EXPECT_FALSE(st.IsError()) << st.GetErrorCode();
+    ASSERT_TRUE(algorithm->IsModelBuilt());
+    const auto* opt = dynamic_cast<const GZLOptimizerForGZLM*>(algorithm->GetOptimizer());
+    ASSERT_NE(opt, nullptr);
+    const auto& params = c->expected["parameters"];
+    for (int j = 0; j < opt->GetNumParams(); ++j)
+      EXPECT_TRUE(Near(opt->GetParamEstimates()[static_cast<std::size_t>(j)],
+                       params[static_cast<std::size_t>(j)]["estimate"].get<double>(), "estimate"));
+    EXPECT_TRUE(Near(opt->GetFullLogLikelihoodScaleFixed(), c->expected["loglik"].get<double>(), "loglik"));
+    // Every optimizer warning reaches the build-model warnings, and a warning-only fit returns
+    // the last of them.
+    for (const TQStatus& w : opt->GetWarnings()) {
+      const auto& list = algorithm->GetBuildModelWarnings();
+      EXPECT_NE(std::find(list.begin(), list.end(), w), list.end());
+    }
+    if (!algorithm->GetBuildModelWarnings().empty() && !algorithm->GetStatus().IsError()) {
+      EXPECT_EQ(st, algorithm->GetBuildModelWarnings().back());
+    }
+  }
 }
