@@ -237,7 +237,9 @@ TQStatus GZLOptimizerForGZLM::Estimate() {
   }
   fStatus = fpStatFactory->GetStatus();
   if (fStatus.IsError()) return fStatus;
-  if (fbUpdatePhi && fbUpdateK) {
+  // Both extra parameters asked for: refused whatever the distribution (only the negative
+  // binomial has a k to estimate, but the request itself is contradictory).
+  if (fbUpdatePhi && (fbUpdateK || fpSettings->GetDistParamType() == GZLConst_940::DistParamMLE)) {
     fStatus = TQStatus::Error(GZLStatusCode::ScaleAndKBothMle);
     return fStatus;
   }
