@@ -7,6 +7,9 @@
 #include "GZLSettings.h"
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
+#include "GZLOutputStats.h"
+#include "inference/GZLInference.h"
+#include "inference/GZLOmnibusTest.h"
 #include "support/TQDisplay_940.h"
 
 namespace {
@@ -25,6 +28,7 @@ GZLAlgorithm::~GZLAlgorithm() {
   // Owned objects go first, in a fixed order; the lists follow with the members.
   fpDesignMatrix.reset();
   DiscardFit();
+  fpOutputStats.reset();
 }
 
 std::string GZLAlgorithm::GetComponentInfo() const {
@@ -39,6 +43,8 @@ void GZLAlgorithm::AddWarning(std::vector<TQStatus>& list, const TQStatus& statu
 
 void GZLAlgorithm::DiscardFit() {
   // A new fit starts without the optimizer, inference and test objects of the previous one.
+  fpOmnibusTest.reset();
+  fpInference.reset();
   fpOptimizer.reset();
   fpRowSource.reset();
 }
@@ -244,6 +250,7 @@ TQStatus GZLAlgorithm::BuildModel(IGZLRecordSource& source) {
   fpDesignMatrix->SetRecordSource(&source);
 
   fStatus = RunEstimation();
+  RunInference();
   if (!fStatus.IsError() && !fBuildModelWarnings.empty()) return fBuildModelWarnings.back();
   return fStatus;
 }
@@ -258,9 +265,29 @@ bool GZLAlgorithm::IsModelBuilt() const {
 // here by the inference, scoring and export steps.
 const std::vector<std::vector<int>>* GZLAlgorithm::GetPWCombinations(int) { return nullptr; }
 
-TQStatus GZLAlgorithm::GetOutputStats(const GZLOutputStats*&) {
-  // Asking for results of a model that is not built leaves ModelNotBuilt as the stored status.
-  return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+TQStatus GZLAlgorithm::GetOutputStats(const GZLOutputStats*& outputStats) {
+  // Asking for results of a model that is not built leaves ModelNotBuilt as the stored status
+  // and the caller's pointer as it was.
+  if (!IsModelBuilt()) return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  if (!fpOutputStats) fpOutputStats = std::make_unique<GZLOutputStats>(*fpSettings, *this);
+  outputStats = fpOutputStats.get();
+  return fStatus = TQStatus();
+}
+
+void GZLAlgorithm::RunInference() {
+  if (!fpOptimizer || fStatus.IsError() || !fpOptimizer->IsEstimated()) return;
+  if (!fbEstimationOnly) {
+    fpInference = std::make_unique<GZLInference>(*fpSettings);
+    const TQStatus inference = fpInference->Compute(*fpOptimizer, fpDesignMatrix.get());
+    AddWarning(fBuildModelWarnings, inference);
+    // The Wald tests of model effects follow here when the inference object is OK, and the
+    // likelihood-ratio tests of effects after them.
+  }
+  // The omnibus test refits the null model over further passes of the same design.
+  if (fpSettings->GetModelFittingTest() && !fpOptimizer->IsInvalidForLink() && fpOptimizer->GetPhi() > 0.0) {
+    fpOmnibusTest = std::make_unique<GZLOmnibusTest>(*fpSettings, *fpDesignMatrix, *fpOptimizer);
+    fpOmnibusTest->Run();
+  }
 }
 
 TQStatus GZLAlgorithm::Score(const Record&, GZLScoreStats&, const int*) {

@@ -18,6 +18,8 @@
 class GZLSettings;
 class GZLDesignRowSource;
 class GZLOptimizerForGZLM;
+class GZLInference;
+class GZLOmnibusTest;
 
 class GZLAlgorithm : public IGZLAlgorithm {
  public:
@@ -65,6 +67,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   bool GetReportIterations() const noexcept { return fbReportIterations; }
   // The optimizer of the last fit (null before a fit).
   GZLOptimizerForGZLM* GetGZLOptimizer() const noexcept { return fpOptimizer.get(); }
+  // The inference object and the omnibus test of the last fit (null when not computed).
+  const GZLInference* GetInference() const noexcept { return fpInference.get(); }
+  const GZLOmnibusTest* GetOmnibusTest() const noexcept { return fpOmnibusTest.get(); }
   // Null before the first InitializeModel.
   GZLDesignMatrix* GetDesignMatrix() noexcept { return fpDesignMatrix.get(); }
   const GZLDesignMatrix* GetDesignMatrix() const noexcept { return fpDesignMatrix.get(); }
@@ -99,6 +104,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // marginal means). The source is rewound and handed to the design matrix before the call.
   // Returns the fit status; warnings go to the three lists.
   TQStatus RunEstimation();
+  // The inference steps after the fit: the inference object (covariance and parameter
+  // statistics) and the omnibus test. Warnings go to the build-model list.
+  void RunInference();
   // Whether the last fit produced estimates.
   bool HasEstimates() const;
 
@@ -108,6 +116,10 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // The design rows as the estimation passes read them, and the optimizer of the last fit.
   std::unique_ptr<GZLDesignRowSource> fpRowSource;
   std::unique_ptr<GZLOptimizerForGZLM> fpOptimizer;
+  std::unique_ptr<GZLInference> fpInference;
+  // Created on the first GetOutputStats after a fit and kept for the life of the algorithm.
+  std::unique_ptr<GZLOutputStats> fpOutputStats;
+  std::unique_ptr<GZLOmnibusTest> fpOmnibusTest;
   std::vector<TQStatus> fBuildModelWarnings;
   std::vector<TQStatus> fEffectAnalysisWarnings;
   std::vector<TQStatus> fEmmeansWarnings;

@@ -27,6 +27,10 @@ TQStatus GZLOmnibusTest::Run() {
   fDist = fDF = fSig = TQMV::Missing;
   fbFailedInitModel = false;
   fNullLogLikelihood = TQMV::Missing;
+  if (!fSettings.IsValid()) {
+    fStatus = TQStatus::Error(GZLStatusCode::InvalidSettings);
+    return fStatus;
+  }
   const GZLConst_940::ScaleMethod scaleMethod = fSettings.GetScaleType();
 
   // The fitted model's log-likelihood; with a deviance or Pearson scale the one at that scale,

@@ -320,3 +320,80 @@ TEST(OutputStats, OmnibusWithoutIntercept) {
   EXPECT_EQ(f->omnibus->GetDF(), 1.0);
   ExpectRel(2.0 * (f->optimizer->GetLogLikelihood() - l0), f->omnibus->GetDist(), "statistic", 1e-10);
 }
+
+#include "GZLFactory.h"
+#include "GZLOutputStats.h"
+#include "IGZLAlgorithm.h"
+
+// Through the algorithm interface: results before a fit are refused (and the refusal is the
+// stored status), after a fit the output statistics carry the figures of the fit.
+TEST(OutputStats, AlgorithmGetOutputStats) {
+  auto c = LoadCase(output_test::RefDir() + "/expected/quine_negbin_k_estimated.json");
+  ASSERT_TRUE(c->ok) << c->problem;
+  std::unique_ptr<IGZLAlgorithm> algorithm(GZLFactory::CreateAlgorithm(c->settings, false));
+  ASSERT_TRUE(algorithm);
+
+  const GZLOutputStats* sentinel = reinterpret_cast<const GZLOutputStats*>(&c);
+  const GZLOutputStats* out = sentinel;
+  TQStatus st = algorithm->GetOutputStats(out);
+  EXPECT_EQ(st.GetErrorCode(), GZLStatusCode::ModelNotBuilt);
+  EXPECT_TRUE(st.IsError());
+  EXPECT_EQ(out, sentinel);
+  EXPECT_EQ(algorithm->GetStatus().GetErrorCode(), GZLStatusCode::ModelNotBuilt);
+
+  st = algorithm->BuildModel(*c->source);
+  ASSERT_FALSE(st.IsError()) << st.GetErrorCode();
+  ASSERT_TRUE(algorithm->IsModelBuilt());
+  st = algorithm->GetOutputStats(out);
+  ASSERT_TRUE(st.IsOK()) << st.GetErrorCode();
+  ASSERT_NE(out, sentinel);
+  ASSERT_NE(out, nullptr);
+  EXPECT_TRUE(algorithm->GetStatus().IsOK());
+  const GZLOutputStats* again = nullptr;
+  algorithm->GetOutputStats(again);
+  EXPECT_EQ(again, out);  // created once
+
+  const auto& e = c->expected;
+  const auto& params = e["parameters"];
+  ASSERT_EQ(out->GetParamEstimates().size(), params.size());
+  ASSERT_EQ(out->GetParamStats().size(), params.size() + 2);
+  ASSERT_EQ(out->GetRedundancyIndicators().size(), params.size());
+  ASSERT_EQ(out->GetCovarianceMatrix().GetNumRows(), static_cast<int>(params.size()));
+  for (size_t j = 0; j < params.size(); ++j) {
+    EXPECT_EQ(out->GetRedundancyIndicators()[j], params[j]["redundant"].get<bool>());
+    if (params[j]["redundant"].get<bool>()) continue;
+    ExpectRel(params[j]["se"], out->GetParamStats()[j].GetStdError(), "SE");
+    ExpectRel(std::pow(params[j]["se"].get<double>(), 2), out->GetCovarianceMatrix().Get(j, j), "variance");
+  }
+  ExpectRel(e["k"], out->GetNegBinK(), "k");
+  EXPECT_EQ(out->GetNDegFreedom(), e["df_residual"].get<double>());
+  EXPECT_EQ(out->GetNumOfRecords(), 146);
+  EXPECT_EQ(out->GetPopulationSize(), 146.0);
+  ExpectRel(e["deviance"], out->GetDevianceValue(), "deviance");
+  ExpectRel(e["scaled_deviance"], out->GetScaledDevianceValue(), "scaled deviance");
+  ExpectRel(e["deviance"].get<double>() / 138.0, out->GetDevianceValueByDegFreedom(), "deviance / df");
+  ExpectRel(e["pearson_chisq"], out->GetPearsonChiSquareValue(), "Pearson");
+  ExpectRel(e["scaled_pearson_chisq"], out->GetScaledPearsonChiSquareValue(), "scaled Pearson");
+  ExpectRel(e["loglik"], out->GetLogLikehood(), "log-likelihood");
+  ExpectRel(e["loglik"], out->GetLogLikehoodScaleFixed(), "log-likelihood, scale fixed");
+  ExpectRel(e["aic"], out->GetAIC(), "AIC");
+  ExpectRel(e["aicc"], out->GetAICC(), "AICC");
+  ExpectRel(e["bic"], out->GetBIC(), "BIC");
+  ExpectRel(e["caic"], out->GetCAIC(), "CAIC");
+  ExpectRel(e["omnibus"]["chisq"], out->GetOmnibusDist(), "omnibus");
+  EXPECT_EQ(out->GetOmnibusDF(), e["omnibus"]["df"].get<double>());
+  EXPECT_FALSE(out->GetOmnibusFailedInitModel());
+  // State read from the fit's optimizer (at such tight tolerances the last step may end in
+  // step-halving rather than in the parameter criterion).
+  ASSERT_NE(algorithm->GetOptimizer(), nullptr);
+  EXPECT_EQ(out->GetEstimStopCriterion(), algorithm->GetOptimizer()->GetStoppingCriterion());
+  EXPECT_NE(out->GetEstimStopCriterion(), GZLConst_940::NoCriterionSatisfied);
+  EXPECT_FALSE(out->IsSingularHessian());
+  EXPECT_FALSE(out->IsPerfectFit());
+  EXPECT_TRUE(out->GetStatComputeWarnings().empty());
+  EXPECT_EQ(out->GetPLCIStatus().GetErrorCode(), GZLStatusCode::NoValidPLCIStats);
+  ASSERT_NE(out->GetHessianMatrixPtr(), nullptr);
+  EXPECT_EQ(out->GetHessianMatrixPtr()->GetNumRows(), static_cast<int>(params.size()) + 1);
+  EXPECT_EQ(out->GetFullGradientVector().size(), params.size() + 1);
+  EXPECT_TRUE(TQMV::IsMissing(out->GetQICValue()));
+}

@@ -1,0 +1,117 @@
+#pragma once
+// Every number of a fitted model, read by the host through one object: estimates and their
+// statistics, covariance and Hessian, counts, goodness of fit and information criteria, the
+// omnibus test against the null model, the Lagrange multiplier test, the stopping state and
+// the warning lists.
+//
+// The algorithm creates it on the first request after a successful fit and owns it. It copies
+// everything at construction: the getters only read, never recompute, and never fail; a
+// number that could not be computed is the missing-value marker (TQMV::Missing).
+#include <memory>
+#include <vector>
+
+#include "GZLConst_940.h"
+#include "GZLFactorCounts.h"
+#include "GZLRegrParameter.h"
+#include "support/TQRegrParameterStats.h"
+#include "support/TQStatus.h"
+#include "support/TQSymMatrix.h"
+
+class GZLSettings;
+class GZLAlgorithm;
+class GZLDataStats;
+class GZLEventsCount;
+
+class GZLOutputStats {
+ public:
+  // Copies the state of a fitted GZLM algorithm.
+  GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& algorithm);
+  GZLOutputStats(const GZLOutputStats&) = delete;
+  GZLOutputStats& operator=(const GZLOutputStats&) = delete;
+  ~GZLOutputStats();
+  void Display() const;
+
+  // ---- estimates ----
+  // P values in design-column order (redundant parameters at 0).
+  const std::vector<double>& GetParamEstimates() const;
+  const std::vector<TQRegrParameter>& GetParameters() const;
+  // One row per regression parameter, then the scale row, then, for a negative binomial
+  // model, the k row.
+  const std::vector<TQRegrParameterStats>& GetParamStats() const;
+  // Covariance matrix of the regression parameters (P x P); 0 x 0 when there is none.
+  const TQSymMatrix& GetCovarianceMatrix() const;
+  // The final Hessian of the log-likelihood (P or P+1 rows), or null.
+  const TQSymMatrix* GetHessianMatrixPtr() const;
+  // The final gradient, P or P+1 entries.
+  const std::vector<double>& GetFullGradientVector() const;
+  // One entry per regression parameter, true = redundant.
+  const std::vector<bool>& GetRedundancyIndicators() const;
+  // Means of the model's covariates, in the settings' covariate order.
+  const std::vector<double>& GetMeanValues() const;
+  double GetNegBinK() const;
+  bool GetRTransformedIndicator() const;
+
+  // ---- data ----
+  double GetPopulationSize() const;
+  int GetNumOfRecords() const;
+  double GetNDegFreedom() const;
+  const TQFactorCounts& GetFactorCounts() const;
+  const GZLEventsCount& GetEventsCount() const;
+  const std::vector<int>& GetDependCategories() const;
+  const GZLDataStats& GetDataStats() const;
+
+  // ---- fit ----
+  double GetDevianceValue() const;
+  double GetScaledDevianceValue() const;
+  double GetDevianceValueByDegFreedom() const;
+  double GetPearsonChiSquareValue() const;
+  double GetScaledPearsonChiSquareValue() const;
+  double GetPearsonChiSquareValueByDegFreedom() const;
+  double GetLogLikehood() const;
+  double GetLogLikehoodScaleFixed() const;
+  double GetAIC() const;
+  double GetAICC() const;
+  double GetBIC() const;
+  double GetCAIC() const;
+  double GetPseudoR2() const;
+
+  // ---- tests ----
+  double GetOmnibusDist() const;
+  double GetOmnibusDF() const;
+  double GetOmnibusSig() const;
+  bool GetOmnibusFailedInitModel() const;
+  double GetLagrangeMultDist() const;
+  double GetLagrangeMultDF() const;
+  double GetLagrangeMultSig() const;
+  double GetLagrangeSigLessZero() const;
+  double GetLagrangeSigGreaterZero() const;
+  double GetLagrangeSigNonDir() const;
+
+  // ---- profile intervals ----
+  TQStatus GetPLCIStatus() const;
+
+  // ---- state ----
+  GZLConst_940::StoppingCriteria GetEstimStopCriterion() const;
+  bool IsSingularHessian() const;
+  bool IsPerfectFit() const;
+
+  // ---- warnings ----
+  const std::vector<TQStatus>& GetBuildModelWarnings() const;
+  const std::vector<TQStatus>& GetEffectAnalysisWarnings() const;
+  const std::vector<TQStatus>& GetEmmeansWarnings() const;
+  const std::vector<TQStatus>& GetStatComputeWarnings() const;
+
+  // ---- GEE (missing for a GZLM fit) ----
+  const TQSymMatrix& GetWorkCorrelationMatrix() const;
+  double GetQICValue() const;
+  double GetQICUValue() const;
+  double GetQBetaIValue() const;
+  int GetNumberOfSubjects() const;
+  int GetMinMeasurePerSubject() const;
+  int GetMaxMeasurePerSubject() const;
+  int GetMaxGroupSize() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> fpImpl;
+};

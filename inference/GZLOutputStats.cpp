@@ -1,0 +1,280 @@
+#include "GZLOutputStats.h"
+
+#include "GZLDataStats.h"
+#include "GZLEventsCount.h"
+#include "GZLSettings.h"
+#include "data/GZLAlgorithm.h"
+#include "data/GZLDesignMatrix.h"
+#include "estimation/GZLOptimizer.h"
+#include "inference/GZLInference.h"
+#include "inference/GZLOmnibusTest.h"
+#include "support/TQDisplay_940.h"
+#include "support/TQMV.h"
+
+// Everything the host reads, copied from the algorithm and its fit objects at construction.
+struct GZLOutputStats::Impl {
+  const GZLAlgorithm* fpAlgorithm = nullptr;
+
+  // estimates
+  std::vector<double> fMeanValues;
+  std::vector<double> fParamEstimates;
+  std::vector<TQRegrParameter> fParameters;
+  std::vector<TQRegrParameterStats> fParamStats;
+  TQSymMatrix fCovariance;
+  std::unique_ptr<TQSymMatrix> fpHessianMatrix;
+  std::vector<double> fGradientVector;
+  std::vector<bool> fRedundancy;
+  double fNegBinK = TQMV::Missing;
+
+  // data
+  double fPopulationSize = TQMV::Missing;
+  int fNumOfRecords = 0;
+  double fNDegFreedom = TQMV::Missing;
+  TQFactorCounts fFactorCounts;
+  GZLEventsCount fEventsCount;
+  GZLDataStats fDataStats;
+  std::vector<int> fDependCategories;
+
+  // fit
+  double fDeviance = TQMV::Missing;
+  double fScaleDeviance = TQMV::Missing;
+  double fDevianceByDegFreedom = TQMV::Missing;
+  double fPearsonChiSquare = TQMV::Missing;
+  double fScalePearsonChiSquare = TQMV::Missing;
+  double fPearsonChiSquareByDegFreedom = TQMV::Missing;
+  double fLogLikehood = TQMV::Missing;
+  double fLogLikehoodScaleFixed = TQMV::Missing;
+  double fAIC = TQMV::Missing;
+  double fAICC = TQMV::Missing;
+  double fBIC = TQMV::Missing;
+  double fCAIC = TQMV::Missing;
+  double fPseudoR2 = 0.0;
+
+  // tests
+  double fLagrangeMultDist = TQMV::Missing;
+  double fLagrangeMultDF = TQMV::Missing;
+  double fLagrangeMultSig = TQMV::Missing;
+  double fLagrangeSigLessZero = TQMV::Missing;
+  double fLagrangeSigGreaterZero = TQMV::Missing;
+  double fLagrangeSigNonDir = TQMV::Missing;
+  double fOmnibusDist = TQMV::Missing;
+  double fOmnibusDF = TQMV::Missing;
+  double fOmnibusSig = TQMV::Missing;
+  bool fbOmnibusFailedInitModel = false;
+  TQStatus fPLCIStatus = TQStatus::Error(GZLStatusCode::NoValidPLCIStats);
+
+  // state
+  bool fbPerfectFit = false;
+
+  // warnings
+  std::vector<TQStatus> fBuildModelWarnings;
+  std::vector<TQStatus> fEffectAnalysisWarnings;
+  std::vector<TQStatus> fEmmeansWarnings;
+  std::vector<TQStatus> fStatComputeWarnings;
+
+  // GEE
+  TQSymMatrix fWorkCorrelation;
+};
+
+GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& algorithm)
+    : fpImpl(std::make_unique<Impl>()) {
+  Impl& m = *fpImpl;
+  m.fpAlgorithm = &algorithm;
+  m.fParameters = algorithm.GetRegrParameters();
+  m.fFactorCounts = algorithm.GetFactorCounts();
+  m.fDependCategories = algorithm.GetDependCategories();
+  m.fBuildModelWarnings = algorithm.GetBuildModelWarnings();
+  m.fEffectAnalysisWarnings = algorithm.GetEffectAnalysisWarnings();
+  m.fEmmeansWarnings = algorithm.GetEmmeansWarnings();
+
+  if (const GZLDesignMatrix* design = algorithm.GetDesignMatrix()) {
+    m.fDataStats = design->GetDataStats();
+    m.fEventsCount = design->GetEventsCount();
+    m.fPopulationSize = design->GetSumFreqWeights();
+    m.fNumOfRecords = design->GetNumCompleteRecords();
+    for (const DataStat& s : m.fDataStats.GetCovariateStats()) m.fMeanValues.push_back(s.fMean);
+  }
+
+  if (const GZLOptimizer* opt = algorithm.GetOptimizer()) {
+    m.fParamEstimates = opt->GetParamEstimates();
+    m.fGradientVector = opt->GetGradient();
+    if (opt->GetHessian().GetNumRows() > 0) m.fpHessianMatrix = std::make_unique<TQSymMatrix>(opt->GetHessian());
+    const int p = opt->GetNumParams();
+    m.fRedundancy.assign(p, false);
+    for (int j = 0; j < p; ++j) m.fRedundancy[j] = !opt->GetInitRedunInfo().InSet(j);
+    if (settings.GetDistType() == TQConst::DistNegBinomial) m.fNegBinK = opt->GetK();
+    m.fLagrangeMultDist = opt->GetLagrangeMultChiSquare();
+    m.fLagrangeMultDF = opt->GetLagrangeMultDF();
+    m.fLagrangeMultSig = opt->GetLagrangeMultSig();
+    m.fbPerfectFit = opt->IsPerfectFit();
+  }
+
+  if (const GZLInference* inf = algorithm.GetInference()) {
+    m.fParamStats = inf->GetParamStats();
+    if (const TQSymMatrix* cov = inf->GetCovarianceMatrix()) m.fCovariance = *cov;
+    const GZLGoodnessOfFit& gof = inf->GetGoodnessOfFit();
+    m.fNDegFreedom = inf->GetNDegFreedom();
+    m.fDeviance = gof.GetDeviance();
+    m.fScaleDeviance = gof.GetScaledDeviance();
+    m.fDevianceByDegFreedom = gof.GetDevianceByDF();
+    m.fPearsonChiSquare = gof.GetPearson();
+    m.fScalePearsonChiSquare = gof.GetScaledPearson();
+    m.fPearsonChiSquareByDegFreedom = gof.GetPearsonByDF();
+    m.fLogLikehood = inf->GetLogLikelihood();
+    m.fLogLikehoodScaleFixed = inf->GetLogLikelihoodScaleFixed();
+    m.fAIC = gof.GetAIC();
+    m.fAICC = gof.GetAICC();
+    m.fBIC = gof.GetBIC();
+    m.fCAIC = gof.GetCAIC();
+    m.fPseudoR2 = inf->GetPseudoR2();
+    m.fStatComputeWarnings = inf->GetStatComputeWarnings();
+    m.fPLCIStatus = inf->GetPLCIStatus();
+  }
+
+  if (const GZLOmnibusTest* omnibus = algorithm.GetOmnibusTest()) {
+    m.fOmnibusDist = omnibus->GetDist();
+    m.fOmnibusDF = omnibus->GetDF();
+    m.fOmnibusSig = omnibus->GetSig();
+    m.fbOmnibusFailedInitModel = omnibus->GetFailedInitModel();
+  }
+}
+
+GZLOutputStats::~GZLOutputStats() = default;
+
+// ---- estimates ----
+const std::vector<double>& GZLOutputStats::GetParamEstimates() const { return fpImpl->fParamEstimates; }
+const std::vector<TQRegrParameter>& GZLOutputStats::GetParameters() const { return fpImpl->fParameters; }
+const std::vector<TQRegrParameterStats>& GZLOutputStats::GetParamStats() const { return fpImpl->fParamStats; }
+const TQSymMatrix& GZLOutputStats::GetCovarianceMatrix() const { return fpImpl->fCovariance; }
+const TQSymMatrix* GZLOutputStats::GetHessianMatrixPtr() const { return fpImpl->fpHessianMatrix.get(); }
+const std::vector<double>& GZLOutputStats::GetFullGradientVector() const { return fpImpl->fGradientVector; }
+const std::vector<bool>& GZLOutputStats::GetRedundancyIndicators() const { return fpImpl->fRedundancy; }
+const std::vector<double>& GZLOutputStats::GetMeanValues() const { return fpImpl->fMeanValues; }
+double GZLOutputStats::GetNegBinK() const { return fpImpl->fNegBinK; }
+bool GZLOutputStats::GetRTransformedIndicator() const {
+  const GZLAlgorithm* a = fpImpl->fpAlgorithm;
+  if (a == nullptr || a->GetOptimizer() == nullptr || a->GetDesignMatrix() == nullptr) return false;
+  return a->GetDesignMatrix()->IsScaledDesign();
+}
+
+// ---- data ----
+double GZLOutputStats::GetPopulationSize() const { return fpImpl->fPopulationSize; }
+int GZLOutputStats::GetNumOfRecords() const { return fpImpl->fNumOfRecords; }
+double GZLOutputStats::GetNDegFreedom() const { return fpImpl->fNDegFreedom; }
+const TQFactorCounts& GZLOutputStats::GetFactorCounts() const { return fpImpl->fFactorCounts; }
+const GZLEventsCount& GZLOutputStats::GetEventsCount() const { return fpImpl->fEventsCount; }
+const std::vector<int>& GZLOutputStats::GetDependCategories() const { return fpImpl->fDependCategories; }
+const GZLDataStats& GZLOutputStats::GetDataStats() const { return fpImpl->fDataStats; }
+
+// ---- fit ----
+double GZLOutputStats::GetDevianceValue() const { return fpImpl->fDeviance; }
+double GZLOutputStats::GetScaledDevianceValue() const { return fpImpl->fScaleDeviance; }
+double GZLOutputStats::GetDevianceValueByDegFreedom() const { return fpImpl->fDevianceByDegFreedom; }
+double GZLOutputStats::GetPearsonChiSquareValue() const { return fpImpl->fPearsonChiSquare; }
+double GZLOutputStats::GetScaledPearsonChiSquareValue() const { return fpImpl->fScalePearsonChiSquare; }
+double GZLOutputStats::GetPearsonChiSquareValueByDegFreedom() const { return fpImpl->fPearsonChiSquareByDegFreedom; }
+double GZLOutputStats::GetLogLikehood() const { return fpImpl->fLogLikehood; }
+double GZLOutputStats::GetLogLikehoodScaleFixed() const { return fpImpl->fLogLikehoodScaleFixed; }
+double GZLOutputStats::GetAIC() const { return fpImpl->fAIC; }
+double GZLOutputStats::GetAICC() const { return fpImpl->fAICC; }
+double GZLOutputStats::GetBIC() const { return fpImpl->fBIC; }
+double GZLOutputStats::GetCAIC() const { return fpImpl->fCAIC; }
+double GZLOutputStats::GetPseudoR2() const { return fpImpl->fPseudoR2; }
+
+// ---- tests ----
+double GZLOutputStats::GetOmnibusDist() const { return fpImpl->fOmnibusDist; }
+double GZLOutputStats::GetOmnibusDF() const { return fpImpl->fOmnibusDF; }
+double GZLOutputStats::GetOmnibusSig() const { return fpImpl->fOmnibusSig; }
+bool GZLOutputStats::GetOmnibusFailedInitModel() const { return fpImpl->fbOmnibusFailedInitModel; }
+double GZLOutputStats::GetLagrangeMultDist() const { return fpImpl->fLagrangeMultDist; }
+double GZLOutputStats::GetLagrangeMultDF() const { return fpImpl->fLagrangeMultDF; }
+double GZLOutputStats::GetLagrangeMultSig() const { return fpImpl->fLagrangeMultSig; }
+double GZLOutputStats::GetLagrangeSigLessZero() const { return fpImpl->fLagrangeSigLessZero; }
+double GZLOutputStats::GetLagrangeSigGreaterZero() const { return fpImpl->fLagrangeSigGreaterZero; }
+double GZLOutputStats::GetLagrangeSigNonDir() const { return fpImpl->fLagrangeSigNonDir; }
+
+TQStatus GZLOutputStats::GetPLCIStatus() const { return fpImpl->fPLCIStatus; }
+
+// ---- state: read from the algorithm's current optimizer ----
+GZLConst_940::StoppingCriteria GZLOutputStats::GetEstimStopCriterion() const {
+  const GZLAlgorithm* a = fpImpl->fpAlgorithm;
+  if (a == nullptr || a->GetOptimizer() == nullptr) return GZLConst_940::NoCriterionSatisfied;
+  return a->GetOptimizer()->GetStoppingCriterion();
+}
+bool GZLOutputStats::IsSingularHessian() const {
+  const GZLAlgorithm* a = fpImpl->fpAlgorithm;
+  if (a == nullptr || a->GetOptimizer() == nullptr) return false;
+  return a->GetOptimizer()->IsSingularHessian();
+}
+bool GZLOutputStats::IsPerfectFit() const { return fpImpl->fbPerfectFit; }
+
+// ---- warnings ----
+const std::vector<TQStatus>& GZLOutputStats::GetBuildModelWarnings() const { return fpImpl->fBuildModelWarnings; }
+const std::vector<TQStatus>& GZLOutputStats::GetEffectAnalysisWarnings() const {
+  return fpImpl->fEffectAnalysisWarnings;
+}
+const std::vector<TQStatus>& GZLOutputStats::GetEmmeansWarnings() const { return fpImpl->fEmmeansWarnings; }
+const std::vector<TQStatus>& GZLOutputStats::GetStatComputeWarnings() const { return fpImpl->fStatComputeWarnings; }
+
+// ---- GEE: a GZLM fit has none of these ----
+const TQSymMatrix& GZLOutputStats::GetWorkCorrelationMatrix() const { return fpImpl->fWorkCorrelation; }
+double GZLOutputStats::GetQICValue() const { return TQMV::Missing; }
+double GZLOutputStats::GetQICUValue() const { return TQMV::Missing; }
+double GZLOutputStats::GetQBetaIValue() const { return TQMV::Missing; }
+int GZLOutputStats::GetNumberOfSubjects() const { return 0; }
+int GZLOutputStats::GetMinMeasurePerSubject() const { return 0; }
+int GZLOutputStats::GetMaxMeasurePerSubject() const { return 0; }
+int GZLOutputStats::GetMaxGroupSize() const { return 0; }
+
+void GZLOutputStats::Display() const {
+  using namespace TQDisplay_940;
+  const Impl& m = *fpImpl;
+  DisplayText(1, "GZLOutputStats display start");
+  DisplayDV("fMeanValues", m.fMeanValues, true);
+  DisplayDV("fParamEstimates", m.fParamEstimates, true);
+  DisplayI("fParameters", static_cast<int>(m.fParameters.size()));
+  for (const TQRegrParameterStats& row : m.fParamStats) row.Display();
+  DisplayDF("fPopulationSize", m.fPopulationSize);
+  DisplayI("fNumOfRecords", m.fNumOfRecords);
+  DisplayDF("fNDegFreedom", m.fNDegFreedom);
+  m.fCovariance.Display("Covariance matrix of the parameter estimates");
+  DisplayDF("fDeviance", m.fDeviance);
+  DisplayDF("fScaleDeviance", m.fScaleDeviance);
+  DisplayDF("fDevianceByDegFreedom", m.fDevianceByDegFreedom);
+  DisplayDF("fPearsonChiSquare", m.fPearsonChiSquare);
+  DisplayDF("fScalePearsonChiSquare", m.fScalePearsonChiSquare);
+  DisplayDF("fPearsonChiSquareByDegFreedom", m.fPearsonChiSquareByDegFreedom);
+  DisplayDF("fLogLikehood", m.fLogLikehood);
+  DisplayDF("fLogLikehoodScaleFixed", m.fLogLikehoodScaleFixed);
+  DisplayDF("fAIC", m.fAIC);
+  DisplayDF("fAICC", m.fAICC);
+  DisplayDF("fBIC", m.fBIC);
+  DisplayDF("fCAIC", m.fCAIC);
+  DisplayDF("Pseudo R-squared", m.fPseudoR2);
+  if (m.fpHessianMatrix)
+    m.fpHessianMatrix->Display("fpHessianMatrix");
+  else
+    DisplayText(1, "fpHessianMatrix is not defined");
+  DisplayDV("fGradientVector", m.fGradientVector, true);
+  DisplayBV("fRedundancy", m.fRedundancy);
+  m.fFactorCounts.Display();
+  m.fEventsCount.Display();
+  m.fDataStats.Display();
+  DisplayIV("Dependent categories", m.fDependCategories);
+  DisplayDF("fLagrangeMultDist", m.fLagrangeMultDist);
+  DisplayDF("fLagrangeMultDF", m.fLagrangeMultDF);
+  DisplayDF("fLagrangeMultSig", m.fLagrangeMultSig);
+  DisplayDF("fOmnibusDist", m.fOmnibusDist);
+  DisplayDF("fOmnibusDF", m.fOmnibusDF);
+  DisplayDF("fOmnibusSig", m.fOmnibusSig);
+  DisplayB("fbOmnibusFailedInitModel", m.fbOmnibusFailedInitModel);
+  DisplayDF("Negative binomial k", m.fNegBinK);
+  DisplayB("Perfect fit indicator", m.fbPerfectFit);
+  DisplayB("Singular Hessian indicator", IsSingularHessian());
+  DisplayI("Stopping criterion", static_cast<int>(GetEstimStopCriterion()));
+  DisplayI("Number of model building warnings", static_cast<int>(m.fBuildModelWarnings.size()));
+  DisplayI("Number of effect analysis warnings", static_cast<int>(m.fEffectAnalysisWarnings.size()));
+  DisplayI("Number of marginal means warnings", static_cast<int>(m.fEmmeansWarnings.size()));
+  DisplayI("Number of statistics computation warnings", static_cast<int>(m.fStatComputeWarnings.size()));
+  DisplayText(1, "GZLOutputStats display end");
+}
