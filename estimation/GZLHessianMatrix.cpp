@@ -19,8 +19,7 @@ GZLHessianMatrix::GZLHessianMatrix(int nParams, IGZLLogLikeFunc* llForExtra, con
       fbNegBinLink(fbNegBinDist && settings.GetLinkType() == TQConst::LinkNegBinomial),
       fK(settings.GetLinkParam()),
       fbExtra(llForExtra != nullptr),
-      fRowStart(static_cast<std::size_t>(fNParams)),
-      fRunPos(static_cast<std::size_t>(fNParams) + 1, 0) {
+      fRowStart(static_cast<std::size_t>(fNParams)) {
   // Without a usable link parameter the distribution's k stands in until SetDistParam.
   if (TQMV::IsMissing(fK) && fbNegBinDist) fK = settings.GetDistParam();
   for (int i = 0; i < fNParams; ++i) fRowStart[static_cast<std::size_t>(i)] = TQSymMatrix::Index(i, 0);

@@ -50,34 +50,27 @@ class GZLHessianMatrix {
 
   // One record in sparse form (indices increasing, parameters in the model, non-zero values):
   // the beta block grows by W x x', the extra row (when on) by c x and its corner by paramDeriv2.
-  // The rank-one update runs over the packed triangle row by row; within a row the entries of
-  // consecutive columns (a covariate block, the intercept) form contiguous runs that are updated
-  // as plain vectors, and only isolated columns (factor levels) are scattered.
+  // The rank-one update runs over the packed triangle row by row. The leading columns that are
+  // all present (the intercept and a block of covariates, typically) occupy the first rows of
+  // the triangle and the first places of every later row, so they are updated as contiguous
+  // vectors; only the remaining columns (factor levels) are scattered.
   void UpdateForRow(const int* indices, const double* values, int count, double W, double c,
                     double paramDeriv2) noexcept {
-    if (!fbSkipBeta && count > 0) {
-      // Runs of consecutive columns: run k covers list positions [runPos[k], runPos[k+1]).
-      int* runPos = fRunPos.data();
-      int nRuns = 0;
-      runPos[0] = 0;
-      for (int a = 1; a < count; ++a) {
-        runPos[nRuns + 1] = a;
-        nRuns += (indices[a] != indices[a - 1] + 1);
-      }
-      runPos[++nRuns] = count;
-      double* h = fHessian.Data();
+    if (!fbSkipBeta) {
+      double* __restrict h = fHessian.Data();
       const std::size_t* rowStart = fRowStart.data();
-      for (int a = 0; a < count; ++a) {
+      int d = 0;
+      while (d < count && indices[d] == d) ++d;
+      for (int a = 0; a < d; ++a) {
         const double xa = W * values[a];
-        double* row = h + rowStart[indices[a]];
-        for (int k = 0; k < nRuns && runPos[k] <= a; ++k) {
-          const int first = runPos[k];
-          const int last = runPos[k + 1] < a + 1 ? runPos[k + 1] : a + 1;
-          double* __restrict out = row + indices[first];
-          const double* __restrict v = values + first;
-          const int len = last - first;
-          for (int t = 0; t < len; ++t) out[t] += xa * v[t];
-        }
+        double* __restrict row = h + rowStart[a];
+        for (int b = 0; b <= a; ++b) row[b] += xa * values[b];
+      }
+      for (int a = d; a < count; ++a) {
+        const double xa = W * values[a];
+        double* __restrict row = h + rowStart[indices[a]];
+        for (int b = 0; b < d; ++b) row[b] += xa * values[b];
+        for (int b = d; b <= a; ++b) row[indices[b]] += xa * values[b];
       }
     }
     if (fbExtra) {
@@ -122,6 +115,4 @@ class GZLHessianMatrix {
   bool fbExtra;
   bool fbObserved = false;
   std::vector<std::size_t> fRowStart;
-  // Scratch of the run boundaries of one record (P + 1 entries).
-  std::vector<int> fRunPos;
 };

@@ -168,6 +168,9 @@ bool GZLStatFactory::SetDistParam(double k) {
 
 void GZLStatFactory::ResetAccumulators(double phi, bool useExpected) {
   fPhi = phi;
+  fKernelSum.Clear();
+  fConstantSum.Clear();
+  fbKernelBad = fbConstantBad = false;
   ResetSeparationStats();
   if (fpLogLikeFunc) fpLogLikeFunc->Reset(phi);
   fpGradientFunc->Reset(phi);
@@ -186,7 +189,15 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
   if (fbBinarySingle) y = (y == fEventValue) ? 1.0 : 0.0;
   const double f = row.fFreqWeight;
   const double s = row.fScaleWeight;
-  bool valid = !TQMV::IsMissing(Kernel(ll, y, mu, f, s));
+  // The log-likelihood object starts from an empty sum for every record, so that what it
+  // returns is the record's own term; the terms are summed here with compensation. Over a
+  // million records a plain running sum carries more rounding noise than the gain of a step
+  // near convergence, which step-halving would then refuse.
+  ll->ClearSums();
+  const double term = Kernel(ll, y, mu, f, s);
+  bool valid = !TQMV::IsMissing(term);
+  if (valid) fKernelSum.Add(term);
+  if (valid && TQMV::IsMissingOrInfinite(term)) fbKernelBad = true;
   if (valid && !llOnly) {
     const double V = Variance(var, mu);
     const double Vd = VarianceDeriv(var, mu);
@@ -242,7 +253,12 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
       trials = 1.0;
       events = y;
     }
-    ll->AddConstant(y, f, s, trials, events);
+    ll->ClearSums();
+    const double constant = ll->AddConstant(y, f, s, trials, events);
+    if (TQMV::IsMissing(constant))
+      fbConstantBad = fbConstantBad || TQMV::IsMissing(ll->GetNonKernel());
+    else
+      fConstantSum.Add(constant);
   }
   return valid;
 }
@@ -317,6 +333,9 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
   fLogLikelihood = TQMV::Missing;
   fNValid = fNInvalid = fNFlagged = 0;
   fSumMu = 0.0;
+  fKernelSum.Clear();
+  fConstantSum.Clear();
+  fbKernelBad = fbConstantBad = false;
   if (fbMultinomial) {
     // The ordinal and nominal accumulators are not part of this build.
     status = TQStatus::Error(GZLStatusCode::CantBuildModel);
@@ -375,8 +394,8 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
     status = TQStatus::Error(GZLStatusCode::AllInvalidRecordsForLinkFunction);
     return;
   }
-  fLogLikelihood = fpLogLikeFunc->GetKernel();
-  fLogLikeConstant = fbComputeConstant ? fpLogLikeFunc->GetNonKernel() : TQMV::Missing;
+  fLogLikelihood = fbKernelBad ? TQMV::Missing : fKernelSum.Get();
+  fLogLikeConstant = (fbComputeConstant && !fbConstantBad) ? fConstantSum.Get() : TQMV::Missing;
   if (TQMV::IsMissingOrInfinite(fLogLikelihood)) {
     fLogLikelihood = TQMV::Missing;
     status = TQStatus::Error(GZLStatusCode::CantBuildModel);

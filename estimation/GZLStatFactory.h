@@ -9,6 +9,7 @@
 // two accumulators. The per-record step is compiled once per common distribution/link pair
 // against the concrete function classes (no virtual dispatch, no allocation, no settings lookup
 // in the record loop); other pairs go through the abstract interfaces.
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -24,6 +25,20 @@ class ITQLinkFunc;
 class IGZLVarianceFunc;
 class IGZLLogLikeFunc;
 struct GZLDesignRow;
+
+// A running sum with Neumaier's compensation: its error stays near one rounding of the total
+// however many terms it takes.
+struct GZLCompensatedSum {
+  double sum = 0.0;
+  double compensation = 0.0;
+  void Clear() noexcept { sum = compensation = 0.0; }
+  void Add(double x) noexcept {
+    const double t = sum + x;
+    compensation += std::fabs(sum) >= std::fabs(x) ? (sum - t) + x : (x - t) + sum;
+    sum = t;
+  }
+  double Get() const noexcept { return sum + compensation; }
+};
 
 class GZLStatFactory {
  public:
@@ -170,6 +185,11 @@ class GZLStatFactory {
   double fBoundaryPhi = -1.0;
   double fLogLikeConstant = 0.0;
   double fSumMu = 0.0;
+  // The kernel and non-kernel sums of the pass (see Step).
+  GZLCompensatedSum fKernelSum;
+  GZLCompensatedSum fConstantSum;
+  bool fbKernelBad = false;
+  bool fbConstantBad = false;
   // In-model parameter indices and the per-record sparse row (sized once).
   std::vector<int> fModelIndices;
   std::vector<int> fRowIndices;
