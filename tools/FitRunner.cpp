@@ -1,7 +1,885 @@
 #include "tools/FitRunner.h"
 
-bool RunFit(const FitOptions& /*options*/, const CsvTable& /*table*/, const std::vector<ModelTerm>& /*terms*/,
-            std::ostream& /*out*/, std::string& error) {
-  error = "model fitting is not available in this build";
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <new>
+#include <optional>
+#include <sstream>
+#include <string_view>
+#include <utility>
+
+#include "GZLConst_940.h"
+#include "GZLDataStats.h"
+#include "GZLEventsCount.h"
+#include "GZLFactory.h"
+#include "GZLModelEffect.h"
+#include "GZLOutputStats.h"
+#include "GZLRecord.h"
+#include "GZLSettings.h"
+#include "IGZLAlgorithm.h"
+#include "diagnostics/GZLComponentDisplay_940.h"
+#include "support/TQMV.h"
+#include "tools/FitControl.h"
+#include "tools/JsonWriter.h"
+#include "tools/ModelInfo.h"
+#include "tools/StatusText.h"
+#include "tools/TextTable.h"
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Records: the table's dense rows served in place, one field per kept column.
+
+class TableRecordSource final : public IGZLRecordSource {
+ public:
+  explicit TableRecordSource(const CsvTable& table) noexcept : fTable(table) {}
+
+  bool HasMoreRecords() override { return fNext < fTable.NumRows(); }
+  const Record* NextRecord() override {
+    if (fNext >= fTable.NumRows()) return nullptr;
+    fRecord.Reset(fTable.Row(fNext++), fTable.NumColumns());
+    return &fRecord;
+  }
+  long RecordCount() override { return static_cast<long>(fTable.NumRows()); }
+  int Rewind() override {
+    fNext = 0;
+    return 0;
+  }
+
+ private:
+  const CsvTable& fTable;
+  std::size_t fNext = 0;
+  Record fRecord;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Settings.
+
+bool Fail(std::string& error, std::string message) {
+  error = std::move(message);
+  return false;
+}
+
+// Field index of a column the model needs (the table holds exactly the requested columns).
+bool FieldOf(const CsvTable& table, const std::string& name, int& field, std::string& error) {
+  field = table.ColumnIndex(name);
+  if (field < 0) return Fail(error, "column '" + name + "' was not read from the data");
+  return true;
+}
+
+// The settings and the list of model variables that their effects point to; kept together
+// because the effects hold the list's address.
+struct ModelSettings {
+  GZLSettings settings;
+  std::vector<int> modelVariables;  // field indices: the factors, then the covariates
+};
+
+bool SetResponse(const FitOptions& o, const CsvTable& table, GZLSettings& s, std::string& error) {
+  int response = -1;
+  if (!FieldOf(table, o.response, response, error)) return false;
+  switch (o.responseForm) {
+    case ResponseForm::EventsTrials: {
+      int trials = -1;
+      if (!FieldOf(table, o.trialsVariable, trials, error)) return false;
+      if (!s.SetEventsTrials(response, trials)) {
+        return Fail(error, "'" + o.response + "' and '" + o.trialsVariable + "' cannot be the events and the trials");
+      }
+      return true;
+    }
+    case ResponseForm::EventsConstTrials:
+      if (!s.SetEventsConstTrials(response, o.trialsValue)) {
+        return Fail(error, "the events '" + o.response + "' cannot be used with " + FormatNumber(o.trialsValue, 10) +
+                               " trials");
+      }
+      return true;
+    case ResponseForm::Single:
+      break;
+  }
+  if (!s.SetSingleDependent(response)) return Fail(error, "'" + o.response + "' cannot be the response");
+  if (s.IsMultinomial()) s.SetDependentSize(static_cast<int>(table.Column(response).labels.size()));
+  std::optional<int> reference;
+  if (!ResolveReferenceCategory(o, table, reference, error)) return false;
+  if (reference && !s.SetDependentRefCateg(*reference)) {
+    return Fail(error, "--ref-category: the reference category cannot be set");
+  }
+  return true;
+}
+
+bool SetDistributionAndLink(const FitOptions& o, GZLSettings& s, std::string& error) {
+  s.SetDistType(o.distribution);
+  if (o.distribution == TQConst::DistNegBinomial) {
+    s.SetDistParamType(o.estimateK ? GZLConst_940::DistParamMLE : GZLConst_940::DistParamFixed);
+    // A fixed k defaults to 1; an estimated one starts from the given value (1 when none).
+    const double k = o.distParam.value_or(1.0);
+    if (!s.SetDistParam(k)) return Fail(error, "the negative binomial k must be above 0");
+    if (o.estimateK) s.SetInitDistParam(k);
+  } else if (o.distParam && !s.SetDistParam(*o.distParam)) {
+    return Fail(error, "the distribution parameter " + FormatNumber(*o.distParam, 10) + " is out of range");
+  }
+  s.SetLinkType(EffectiveLink(o));
+  if (o.linkParam) s.SetLinkParam(*o.linkParam);
+  if (!s.IsValidDistLink()) {
+    return Fail(error, std::string("the ") + FitOptionLabel(LinkNames(), EffectiveLink(o)) +
+                           " link cannot be used with the " + FitOptionLabel(DistributionNames(), o.distribution) +
+                           " distribution");
+  }
+  return true;
+}
+
+bool SetVariables(const FitOptions& o, const CsvTable& table, ModelSettings& m, std::string& error) {
+  GZLSettings& s = m.settings;
+  m.modelVariables.clear();
+  for (const auto& name : o.factors) {
+    int field = -1;
+    if (!FieldOf(table, name, field, error)) return false;
+    const std::size_t levels = table.Column(field).labels.size();
+    if (levels == 0) return Fail(error, "factor '" + name + "' has no values (every cell is empty or NA)");
+    if (!s.AddFactor(field, static_cast<int>(levels))) return Fail(error, "'" + name + "' cannot be a factor");
+    m.modelVariables.push_back(field);
+  }
+  for (const auto& name : o.covariates) {
+    int field = -1;
+    if (!FieldOf(table, name, field, error)) return false;
+    if (!s.AddCovariate(field)) return Fail(error, "'" + name + "' cannot be a covariate");
+    m.modelVariables.push_back(field);
+  }
+  if (!o.offsetVariable.empty()) {
+    int field = -1;
+    if (!FieldOf(table, o.offsetVariable, field, error)) return false;
+    if (!s.SetOffset(field)) return Fail(error, "'" + o.offsetVariable + "' cannot be the offset");
+  } else if (o.offsetValue && !s.SetOffsetValue(*o.offsetValue)) {
+    return Fail(error, "the offset value must be a finite number");
+  }
+  if (!o.frequencyWeight.empty()) {
+    int field = -1;
+    if (!FieldOf(table, o.frequencyWeight, field, error)) return false;
+    if (!s.SetFrequencyWeightVar(field)) return Fail(error, "'" + o.frequencyWeight + "' cannot be the frequency weight");
+  }
+  if (!o.scaleWeight.empty()) {
+    int field = -1;
+    if (!FieldOf(table, o.scaleWeight, field, error)) return false;
+    if (!s.SetRegrWeightVar(field)) return Fail(error, "'" + o.scaleWeight + "' cannot be the scale weight");
+  }
+  return true;
+}
+
+bool SetEffects(const FitOptions& o, const CsvTable& table, const std::vector<ModelTerm>& terms, ModelSettings& m,
+                std::string& error) {
+  GZLSettings& s = m.settings;
+  s.SetInterceptUse(o.intercept);
+  const int nFactors = static_cast<int>(o.factors.size());
+  const int nCovariates = static_cast<int>(o.covariates.size());
+  for (const ModelTerm& term : terms) {
+    GZLModelEffect effect(nFactors, nCovariates, &m.modelVariables);
+    bool ok = true;
+    for (std::size_t i = 0; i < term.factors.size() && ok; ++i) {
+      int field = -1;
+      if (!FieldOf(table, term.factors[i], field, error)) return false;
+      // A nested term: its own factor first, then every enclosing factor as a new nesting level.
+      ok = effect.AddNewFactor(field, term.nested && i > 0);
+    }
+    for (std::size_t i = 0; i < term.covariates.size() && ok; ++i) {
+      int field = -1;
+      if (!FieldOf(table, term.covariates[i], field, error)) return false;
+      ok = effect.AddCovariate(field) > 0;
+    }
+    if (term.covariatesInParens) effect.SetFactorsInParens();
+    if (!ok || !s.AddModelEffect(effect)) return Fail(error, "the effect '" + term.Text() + "' cannot be built");
+  }
+  if (s.IsEmptyModel()) return Fail(error, "the model has neither an intercept nor effects");
+  return true;
+}
+
+bool SetControls(const FitOptions& o, GZLSettings& s, std::string& error) {
+  s.SetScaleType(EffectiveScaleMethod(o));
+  if (o.scaleValue && !s.SetScaleValue(*o.scaleValue)) return Fail(error, "the scale value must be above 0");
+  struct Check {
+    bool ok;
+    const char* message;
+  };
+  const Check checks[] = {
+      {!o.hessianMethod || (s.SetHessianCompMethod(*o.hessianMethod), true), ""},
+      {!o.fisherIterations || s.SetFNIteration(*o.fisherIterations), "--fisher-iterations must be 1 or more"},
+      {!o.maxIterations || s.SetMaxIterations(*o.maxIterations), "--max-iterations must be 0 or more"},
+      {!o.maxStepHalving || s.SetMaxStepHalvingValue(*o.maxStepHalving), "--max-step-halving must be 1 or more"},
+      {!o.separationIteration || s.SetCSIteration(*o.separationIteration), "--separation-iteration must be 1 or more"},
+      {!o.llTolerance || s.SetLLConCriterion(*o.llTolerance), "--ll-tolerance must be 0 or more"},
+      {!o.paramTolerance || s.SetParamEstConCriterion(*o.paramTolerance), "--param-tolerance must be 0 or more"},
+      {!o.hessianTolerance || s.SetToleranceHessian(*o.hessianTolerance), "--hessian-tolerance must be 0 or more"},
+      {!o.singularityTolerance || s.SetTolerance(*o.singularityTolerance),
+       "--singularity-tolerance must lie strictly between 0 and 1"},
+      {!o.confidenceLevel || s.SetConfidenceLevel(*o.confidenceLevel),
+       "the confidence level must lie strictly between 0 and 100 percent"},
+  };
+  for (const auto& check : checks) {
+    if (!check.ok) return Fail(error, check.message);
+  }
+  if (o.llConvType) s.SetLConvergeType(*o.llConvType);
+  if (o.paramConvType) s.SetPConvergeType(*o.paramConvType);
+  if (o.hessianConvType) s.SetHConvergeType(*o.hessianConvType);
+  if (o.llType) s.SetLLType(*o.llType);
+  // The omnibus test is part of the output; the tests of single effects are not.
+  s.SetModelFittingTest(true);
+  s.SetEffectAnalysisType(TQConst::EffectNone);
+  return true;
+}
+
+bool BuildSettings(const FitOptions& o, const CsvTable& table, const std::vector<ModelTerm>& terms, ModelSettings& m,
+                   std::string& error) {
+  GZLSettings& s = m.settings;
+  s.SetGZLModelType(GZLConst_940::GZLM);
+  if (!SetDistributionAndLink(o, s, error) || !SetResponse(o, table, s, error) ||
+      !SetVariables(o, table, m, error) || !SetEffects(o, table, terms, m, error) || !SetControls(o, s, error)) {
+    return false;
+  }
+  const TQStatus status = s.IsValidSettings(true);
+  if (status.IsError()) return Fail(error, "the model settings are not valid: " + DescribeStatus(status));
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The results, gathered once and written as text or JSON.
+
+struct CategoryRow {
+  std::string variable;
+  std::string role;
+  std::string category;
+  std::string note;  // "event" / "reference" for a categorical response
+  double n = TQMV::Missing;
+  double percent = TQMV::Missing;
+};
+
+struct ContinuousRow {
+  std::string variable;
+  std::string role;
+  DataStat stat;
+};
+
+struct FitStatistic {
+  const char* key;
+  std::string label;
+  double value = TQMV::Missing;
+  double df = TQMV::Missing;
+  double perDf = TQMV::Missing;
+};
+
+struct ParameterRow {
+  std::string name;
+  const char* kind = "effect";  // intercept, threshold, effect, scale, k
+  std::string effect;           // the term's text, for effect rows
+  std::vector<std::pair<std::string, std::string>> factors;  // (variable, category label)
+  std::vector<std::pair<std::string, int>> covariates;       // (variable, power)
+  std::string target;  // response category of a nominal parameter
+  TQRegrParameterStats stats;
+  std::string note;  // why a scale or k row has no standard error
+};
+
+struct FitReport {
+  std::size_t records = 0;
+  double included = 0.0;
+  double weightedIncluded = TQMV::Missing;  // with a frequency weight only
+  std::vector<CategoryRow> categorical;
+  std::vector<ContinuousRow> continuous;
+  std::vector<FitStatistic> fit;
+  double omnibusChiSquare = TQMV::Missing;
+  double omnibusDF = TQMV::Missing;
+  double omnibusSig = TQMV::Missing;
+  bool omnibusFailed = false;
+  double confidence = 0.95;
+  std::vector<ParameterRow> parameters;
+  std::optional<ParameterRow> scale;
+  std::optional<ParameterRow> k;
+  std::string convergence;
+  int iterations = -1;
+  std::vector<TQStatus> warnings;
+};
+
+std::string LabelOf(const CsvTable& table, int field, int category) {
+  if (field < 0 || static_cast<std::size_t>(field) >= table.NumColumns()) return std::to_string(category);
+  const auto& labels = table.Column(field).labels;
+  if (category < 0 || static_cast<std::size_t>(category) >= labels.size()) return std::to_string(category);
+  return labels[static_cast<std::size_t>(category)];
+}
+
+std::string Bracket(const std::string& variable, const std::string& label) { return "[" + variable + "=" + label + "]"; }
+
+std::string Join(const std::vector<std::string>& parts, const char* separator) {
+  std::string out;
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    if (i) out += separator;
+    out += parts[i];
+  }
+  return out;
+}
+
+// One regression parameter's row: its name is built from the original labels of its factors
+// in the order the term was written, e.g. [tension=M]*[wool=B], x**2, [a=1]([b=2]).
+ParameterRow MakeParameterRow(const TQRegrParameter& p, const FitOptions& o, const CsvTable& table,
+                              const std::vector<ModelTerm>& terms, int responseField) {
+  ParameterRow row;
+  const bool nominal = o.distribution == TQConst::DistNominalMultinomial;
+  const bool ordinal = o.distribution == TQConst::DistOrdinalMultinomial;
+  if (nominal && p.GetTargetCategory() >= 0) row.target = LabelOf(table, responseField, p.GetTargetCategory());
+
+  if (p.IsIntercept()) {
+    if (ordinal && p.GetTargetCategory() >= 0) {
+      row.kind = "threshold";
+      row.name = "Threshold " + Bracket(o.response, LabelOf(table, responseField, p.GetTargetCategory()));
+    } else {
+      row.kind = "intercept";
+      row.name = "(Intercept)";
+    }
+  } else {
+    const int index = p.GetEffectIndex();
+    if (index >= 0 && static_cast<std::size_t>(index) < terms.size()) {
+      const ModelTerm& term = terms[static_cast<std::size_t>(index)];
+      row.effect = term.Text();
+      std::vector<std::string> factorParts;
+      for (const auto& name : term.factors) {
+        const int field = table.ColumnIndex(name);
+        const std::string label = LabelOf(table, field, p.ContainsFactor(field));
+        row.factors.emplace_back(name, label);
+        factorParts.push_back(Bracket(name, label));
+      }
+      std::vector<std::string> covariateParts;
+      for (const auto& name : term.covariates) {
+        if (std::any_of(row.covariates.begin(), row.covariates.end(), [&](const auto& c) { return c.first == name; }))
+          continue;
+        const int power = p.GetCovariateMult(table.ColumnIndex(name));
+        row.covariates.emplace_back(name, power);
+        covariateParts.push_back(power > 1 ? name + "**" + std::to_string(power) : name);
+      }
+      if (term.nested && !factorParts.empty()) {
+        const std::vector<std::string> enclosing(factorParts.begin() + 1, factorParts.end());
+        row.name = factorParts.front() + "(" + Join(enclosing, "*") + ")";
+      } else if (term.covariatesInParens && !factorParts.empty()) {
+        row.name = Join(covariateParts, "*") + "(" + Join(factorParts, "*") + ")";
+      } else {
+        std::vector<std::string> parts = factorParts;
+        parts.insert(parts.end(), covariateParts.begin(), covariateParts.end());
+        row.name = Join(parts, "*");
+      }
+    } else {
+      row.name = "parameter of effect " + std::to_string(index);
+    }
+  }
+  if (!row.target.empty()) row.name = Bracket(o.response, row.target) + ": " + row.name;
+  return row;
+}
+
+void AddWarnings(std::vector<TQStatus>& into, const std::vector<TQStatus>& from) {
+  for (const TQStatus& s : from) {
+    if (s.IsOK()) continue;
+    if (std::none_of(into.begin(), into.end(), [&](const TQStatus& t) { return t.GetErrorCode() == s.GetErrorCode(); }))
+      into.push_back(s);
+  }
+}
+
+std::string StoppingText(GZLConst_940::StoppingCriteria criterion) {
+  std::string_view text = GZLComponentDisplay_940::EnumText(criterion);
+  if (text.substr(0, 3) == " = ") text.remove_prefix(3);
+  return std::string(text);
+}
+
+void GatherCounts(const FitOptions& o, const CsvTable& table, const GZLSettings& s, const GZLOutputStats& stats,
+                  FitReport& report) {
+  const GZLDataStats& data = stats.GetDataStats();
+  const DataStat& dependent = data.GetDependentStat();
+  report.records = table.NumRows();
+  report.included = dependent.fUnweightedN;
+  if (!o.frequencyWeight.empty()) report.weightedIncluded = dependent.fWeightedN;
+
+  const TQFactorCounts& counts = stats.GetFactorCounts();
+  const int responseField = table.ColumnIndex(o.response);
+  auto addCounts = [&](const std::string& variable, const std::string& role, int field,
+                       const std::vector<TQFactorCounts::Count>& list, int event, int reference) {
+    double total = 0.0;
+    for (const auto& c : list) total += c.first;
+    for (std::size_t c = 0; c < list.size(); ++c) {
+      CategoryRow row;
+      row.variable = variable;
+      row.role = role;
+      row.category = LabelOf(table, field, static_cast<int>(c));
+      if (static_cast<int>(c) == event) row.note = "event";
+      if (static_cast<int>(c) == reference) row.note = "reference";
+      row.n = list[c].first;
+      row.percent = total > 0.0 ? 100.0 * list[c].first / total : TQMV::Missing;
+      report.categorical.push_back(std::move(row));
+    }
+  };
+
+  if (ResponseIsCategorical(o)) {
+    if (const auto* list = counts.GetDependCountsPtr()) {
+      const int reference = s.GetDependentRefCateg();
+      if (s.IsSingleDependentForBinomial()) {
+        // The event is the category coded 1 when the reference is 0, else the one coded 0.
+        addCounts(o.response, "response", responseField, *list, reference == 0 ? 1 : 0, -2);
+      } else {
+        addCounts(o.response, "response", responseField, *list, -2, reference);
+      }
+    }
+  } else if (o.responseForm != ResponseForm::Single) {
+    const GZLEventsCount& events = stats.GetEventsCount();
+    const double trials = events.GetTrialsCount().first;
+    const double e = events.GetEventsCount().first;
+    const double ne = events.GetNonEventsCount().first;
+    auto percent = [trials](double v) {
+      return trials > 0.0 && !TQMV::IsMissing(v) ? 100.0 * v / trials : TQMV::Missing;
+    };
+    report.categorical.push_back({o.response, "events", "events", "", e, percent(e)});
+    report.categorical.push_back({o.response, "events", "non-events", "", ne, percent(ne)});
+  }
+  const std::vector<int>& factors = s.GetFactors();
+  for (std::size_t i = 0; i < factors.size() && i < o.factors.size(); ++i) {
+    if (const auto* list = counts.GetCountsPtr(static_cast<int>(i)))
+      addCounts(o.factors[i], "factor", factors[i], *list, -2, -2);
+  }
+
+  if (!ResponseIsCategorical(o)) {
+    report.continuous.push_back({o.response, o.responseForm == ResponseForm::Single ? "response" : "events", dependent});
+  }
+  const std::vector<DataStat>& covariates = data.GetCovariateStats();
+  for (std::size_t i = 0; i < covariates.size() && i < o.covariates.size(); ++i) {
+    report.continuous.push_back({o.covariates[i], "covariate", covariates[i]});
+  }
+  if (!o.offsetVariable.empty()) report.continuous.push_back({o.offsetVariable, "offset", data.GetOffsetStat()});
+  if (!o.scaleWeight.empty()) report.continuous.push_back({o.scaleWeight, "scale weight", data.GetWeightStat()});
+}
+
+void GatherFit(const FitOptions& o, const GZLOutputStats& stats, FitReport& report) {
+  const double df = stats.GetNDegFreedom();
+  const GZLConst_940::ScaleMethod method = EffectiveScaleMethod(o);
+  const bool fixedAtEstimate = method == GZLConst_940::ScaleDeviance || method == GZLConst_940::ScalePearson;
+  const double logLikelihood = fixedAtEstimate ? stats.GetLogLikehoodScaleFixed() : stats.GetLogLikehood();
+  const bool kernel = o.llType && *o.llType == GZLConst_940::LLKernel;
+  report.fit = {
+      {"deviance", "Deviance", stats.GetDevianceValue(), df, stats.GetDevianceValueByDegFreedom()},
+      {"scaled_deviance", "Scaled deviance", stats.GetScaledDevianceValue(), df, TQMV::Missing},
+      {"pearson_chi_square", "Pearson chi-square", stats.GetPearsonChiSquareValue(), df,
+       stats.GetPearsonChiSquareValueByDegFreedom()},
+      {"scaled_pearson_chi_square", "Scaled Pearson chi-square", stats.GetScaledPearsonChiSquareValue(), df,
+       TQMV::Missing},
+      {"log_likelihood", kernel ? "Log-likelihood (kernel)" : "Log-likelihood", logLikelihood, TQMV::Missing,
+       TQMV::Missing},
+      {"aic", "Akaike's information criterion (AIC)", stats.GetAIC(), TQMV::Missing, TQMV::Missing},
+      {"aicc", "Finite sample corrected AIC (AICC)", stats.GetAICC(), TQMV::Missing, TQMV::Missing},
+      {"bic", "Bayesian information criterion (BIC)", stats.GetBIC(), TQMV::Missing, TQMV::Missing},
+      {"caic", "Consistent AIC (CAIC)", stats.GetCAIC(), TQMV::Missing, TQMV::Missing},
+  };
+  report.omnibusChiSquare = stats.GetOmnibusDist();
+  report.omnibusDF = stats.GetOmnibusDF();
+  report.omnibusSig = stats.GetOmnibusSig();
+  report.omnibusFailed = stats.GetOmnibusFailedInitModel();
+}
+
+void GatherParameters(const FitOptions& o, const CsvTable& table, const std::vector<ModelTerm>& terms,
+                      const GZLSettings& s, const GZLOutputStats& stats, FitReport& report) {
+  report.confidence = s.GetConfidenceLevel();
+  const std::vector<TQRegrParameter>& parameters = stats.GetParameters();
+  const std::vector<TQRegrParameterStats>& rows = stats.GetParamStats();
+  const std::vector<double>& estimates = stats.GetParamEstimates();
+  const std::vector<bool>& redundant = stats.GetRedundancyIndicators();
+  const int responseField = table.ColumnIndex(o.response);
+  for (std::size_t j = 0; j < parameters.size(); ++j) {
+    ParameterRow row = MakeParameterRow(parameters[j], o, table, terms, responseField);
+    if (j < rows.size()) row.stats = rows[j];
+    if (j < redundant.size() && redundant[j]) row.stats.SetRedundant(true);
+    if (TQMV::IsMissing(row.stats.GetEstimate()) && j < estimates.size()) row.stats.SetEstimate(estimates[j]);
+    if (row.stats.IsRedundant()) row.stats.SetEstimate(0.0);
+    report.parameters.push_back(std::move(row));
+  }
+
+  const std::size_t p = parameters.size();
+  if (p < rows.size()) {
+    ParameterRow scale;
+    scale.kind = "scale";
+    scale.name = "(Scale)";
+    scale.stats = rows[p];
+    switch (EffectiveScaleMethod(o)) {
+      case GZLConst_940::ScaleFixed:
+        scale.note = "fixed";
+        break;
+      case GZLConst_940::ScaleDeviance:
+        scale.note = "computed from the deviance";
+        break;
+      case GZLConst_940::ScalePearson:
+        scale.note = "computed from the Pearson chi-square";
+        break;
+      default:
+        break;
+    }
+    report.scale = std::move(scale);
+  }
+  if (o.distribution == TQConst::DistNegBinomial && p + 1 < rows.size()) {
+    ParameterRow k;
+    k.kind = "k";
+    k.name = "(Negative binomial k)";
+    k.stats = rows[p + 1];
+    if (!o.estimateK) k.note = "fixed";
+    report.k = std::move(k);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Text output.
+
+std::string Number(double value) { return FormatNumber(value, 6); }
+
+std::string Significance(double p) {
+  if (TQMV::IsMissingOrInfinite(p)) return ".";
+  if (p < 0.0001) return "<.0001";
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%.4f", p);
+  return buffer;
+}
+
+std::string Percent(double value) {
+  if (TQMV::IsMissingOrInfinite(value)) return ".";
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%.1f%%", value);
+  return buffer;
+}
+
+std::string ConfidenceText(double level) { return FormatNumber(100.0 * level, 6) + "%"; }
+
+using Align = TextTable::Align;
+
+void WriteText(std::ostream& out, const FitReport& r) {
+  {
+    TextTable cases("Case processing summary", {"Records", "N", "Percent"}, {Align::Left, Align::Right, Align::Right});
+    const double total = static_cast<double>(r.records);
+    auto percent = [total](double n) { return total > 0.0 ? 100.0 * n / total : TQMV::Missing; };
+    cases.AddRow({"Included", Number(r.included), Percent(percent(r.included))});
+    cases.AddRow({"Excluded", Number(total - r.included), Percent(percent(total - r.included))});
+    cases.AddRow({"Total", Number(total), Percent(total > 0.0 ? 100.0 : TQMV::Missing)});
+    cases.Write(out);
+    if (total > r.included) {
+      out << "  Excluded records have a missing value, a response outside the range of the distribution or a\n"
+             "  weight that is not positive.\n";
+    }
+    if (!TQMV::IsMissing(r.weightedIncluded)) {
+      out << "  Included records weighted by the frequency weight: " << Number(r.weightedIncluded) << '\n';
+    }
+  }
+
+  if (!r.categorical.empty()) {
+    TextTable table("\nCategorical variable information", {"Variable", "Role", "Category", "N", "Percent"},
+                    {Align::Left, Align::Left, Align::Left, Align::Right, Align::Right});
+    std::string previous;
+    for (const auto& row : r.categorical) {
+      const bool first = row.variable + "\n" + row.role != previous;
+      previous = row.variable + "\n" + row.role;
+      std::string category = row.category;
+      if (!row.note.empty()) category += " (" + row.note + ")";
+      table.AddRow({first ? row.variable : "", first ? row.role : "", category, Number(row.n), Percent(row.percent)});
+    }
+    table.Write(out);
+  }
+
+  if (!r.continuous.empty()) {
+    TextTable table("\nContinuous variable information",
+                    {"Variable", "Role", "N", "Minimum", "Maximum", "Mean", "Std. deviation"},
+                    {Align::Left, Align::Left, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right});
+    for (const auto& row : r.continuous) {
+      const DataStat& d = row.stat;
+      const bool any = d.fUnweightedN > 0.0;
+      table.AddRow({row.variable, row.role, Number(d.fWeightedN), any ? Number(d.fMin) : ".",
+                    any ? Number(d.fMax) : ".", any ? Number(d.fMean) : ".", any ? Number(d.fStdDev) : "."});
+    }
+    table.Write(out);
+  }
+
+  {
+    TextTable table("\nGoodness of fit", {"Statistic", "Value", "df", "Value/df"},
+                    {Align::Left, Align::Right, Align::Right, Align::Right});
+    for (const auto& f : r.fit) {
+      table.AddRow({f.label, Number(f.value), TQMV::IsMissing(f.df) ? "" : Number(f.df),
+                    TQMV::IsMissing(f.perDf) ? "" : Number(f.perDf)});
+    }
+    table.Write(out);
+  }
+
+  {
+    TextTable table("\nOmnibus test (fitted model against the intercept-only model)",
+                    {"Likelihood-ratio chi-square", "df", "Sig."}, {Align::Right, Align::Right, Align::Right});
+    table.AddRow({Number(r.omnibusChiSquare), Number(r.omnibusDF), Significance(r.omnibusSig)});
+    table.Write(out);
+    if (r.omnibusFailed) out << "  The intercept-only model could not be fitted.\n";
+  }
+
+  {
+    const std::string level = ConfidenceText(r.confidence);
+    TextTable table("\nParameter estimates (Lower, Upper: " + level + " Wald confidence interval)",
+                    {"Parameter", "B", "Std. error", "Lower", "Upper", "Wald chi-square", "df", "Sig."},
+                    {Align::Left, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right,
+                     Align::Right});
+    bool anyRedundant = false;
+    for (const auto& row : r.parameters) {
+      const TQRegrParameterStats& st = row.stats;
+      if (st.IsRedundant()) {
+        anyRedundant = true;
+        table.AddRow({row.name, "0^a"});
+        continue;
+      }
+      table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
+                    Number(st.GetUpperBound()), Number(st.GetWaldChiSquare()), Number(st.GetDF()),
+                    Significance(st.GetSignificance())});
+    }
+    bool anyFixed = false;
+    for (const auto* extra : {&r.scale, &r.k}) {
+      if (!*extra) continue;
+      const ParameterRow& row = **extra;
+      const TQRegrParameterStats& st = row.stats;
+      if (row.note == "fixed") {
+        anyFixed = true;
+        table.AddRow({row.name, Number(st.GetEstimate()) + "^b"});
+      } else if (!row.note.empty()) {
+        table.AddRow({row.name, Number(st.GetEstimate()) + "^c"});
+      } else {
+        table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
+                      Number(st.GetUpperBound())});
+      }
+    }
+    table.Write(out);
+    if (anyRedundant) out << "  ^a Aliased: set to zero because it is redundant with the parameters above.\n";
+    if (anyFixed) out << "  ^b Fixed at the displayed value.\n";
+    if (r.scale && !r.scale->note.empty() && r.scale->note != "fixed") {
+      out << "  ^c The scale is " << r.scale->note << ".\n";
+    }
+  }
+
+  out << "\nConvergence: " << r.convergence;
+  if (r.iterations >= 0) out << " (" << r.iterations << (r.iterations == 1 ? " iteration)" : " iterations)");
+  out << '\n';
+  if (!r.warnings.empty()) {
+    out << "\nWarnings\n";
+    for (const TQStatus& w : r.warnings) out << "  - " << DescribeStatus(w) << '\n';
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// JSON output.
+
+void JsonStats(JsonWriter& json, const TQRegrParameterStats& st, bool tests) {
+  json.Member("estimate", st.GetEstimate());
+  json.Member("std_error", st.GetStdError());
+  json.Member("wald_lower", st.GetLowerBound());
+  json.Member("wald_upper", st.GetUpperBound());
+  if (tests) {
+    json.Member("wald_chi_square", st.GetWaldChiSquare());
+    json.Member("df", st.GetDF());
+    json.Member("sig", st.GetSignificance());
+  }
+}
+
+void JsonExtraRow(JsonWriter& json, const char* key, const std::optional<ParameterRow>& row) {
+  json.Key(key);
+  if (!row) {
+    json.Null();
+    return;
+  }
+  json.BeginObject();
+  JsonStats(json, row->stats, false);
+  json.Member("fixed", row->note == "fixed");
+  if (!row->note.empty() && row->note != "fixed") json.Member("method", row->note);
+  json.EndObject();
+}
+
+void WriteJson(JsonWriter& json, const FitReport& r) {
+  json.Key("cases");
+  json.BeginObject();
+  json.Member("included", r.included);
+  json.Member("excluded", static_cast<double>(r.records) - r.included);
+  json.Member("total", r.records);
+  if (!TQMV::IsMissing(r.weightedIncluded)) json.Member("weighted_included", r.weightedIncluded);
+  json.EndObject();
+
+  json.Key("categorical");
+  json.BeginArray();
+  for (const auto& row : r.categorical) {
+    json.BeginObject();
+    json.Member("variable", row.variable);
+    json.Member("role", row.role);
+    json.Member("category", row.category);
+    if (!row.note.empty()) json.Member("note", row.note);
+    json.Member("n", row.n);
+    json.Member("percent", row.percent);
+    json.EndObject();
+  }
+  json.EndArray();
+
+  json.Key("continuous");
+  json.BeginArray();
+  for (const auto& row : r.continuous) {
+    const DataStat& d = row.stat;
+    const bool any = d.fUnweightedN > 0.0;
+    json.BeginObject();
+    json.Member("variable", row.variable);
+    json.Member("role", row.role);
+    json.Member("n", d.fWeightedN);
+    json.Member("minimum", any ? d.fMin : TQMV::Missing);
+    json.Member("maximum", any ? d.fMax : TQMV::Missing);
+    json.Member("mean", any ? d.fMean : TQMV::Missing);
+    json.Member("std_deviation", any ? d.fStdDev : TQMV::Missing);
+    json.EndObject();
+  }
+  json.EndArray();
+
+  json.Key("goodness_of_fit");
+  json.BeginObject();
+  for (const auto& f : r.fit) {
+    if (TQMV::IsMissing(f.df)) {
+      json.Member(f.key, f.value);
+      continue;
+    }
+    json.Key(f.key);
+    json.BeginObject();
+    json.Member("value", f.value);
+    json.Member("df", f.df);
+    if (!TQMV::IsMissing(f.perDf) || std::string_view(f.key) == "deviance" ||
+        std::string_view(f.key) == "pearson_chi_square")
+      json.Member("value_df", f.perDf);
+    json.EndObject();
+  }
+  json.EndObject();
+
+  json.Key("omnibus");
+  json.BeginObject();
+  json.Member("chi_square", r.omnibusChiSquare);
+  json.Member("df", r.omnibusDF);
+  json.Member("sig", r.omnibusSig);
+  json.Member("null_model_failed", r.omnibusFailed);
+  json.EndObject();
+
+  json.Member("confidence_level", r.confidence);
+  json.Key("parameters");
+  json.BeginArray();
+  for (const auto& row : r.parameters) {
+    json.BeginObject();
+    json.Member("name", row.name);
+    json.Member("kind", row.kind);
+    if (!row.effect.empty()) json.Member("effect", row.effect);
+    if (!row.factors.empty()) {
+      json.Key("factors");
+      json.BeginObject();
+      for (const auto& [variable, label] : row.factors) json.Member(variable, label);
+      json.EndObject();
+    }
+    if (!row.covariates.empty()) {
+      json.Key("covariates");
+      json.BeginObject();
+      for (const auto& [variable, power] : row.covariates) json.Member(variable, power);
+      json.EndObject();
+    }
+    if (!row.target.empty()) json.Member("response_category", row.target);
+    json.Member("redundant", row.stats.IsRedundant());
+    JsonStats(json, row.stats, true);
+    json.EndObject();
+  }
+  json.EndArray();
+  JsonExtraRow(json, "scale", r.scale);
+  JsonExtraRow(json, "negative_binomial_k", r.k);
+
+  json.Key("convergence");
+  json.BeginObject();
+  json.Member("criterion", r.convergence);
+  json.Key("iterations");
+  r.iterations >= 0 ? json.Integer(r.iterations) : json.Null();
+  json.EndObject();
+
+  json.Key("warnings");
+  json.BeginArray();
+  for (const TQStatus& w : r.warnings) {
+    json.BeginObject();
+    json.Member("code", w.GetErrorCode());
+    json.Member("name", GZLComponentDisplay_940::StatusCodeName(w.GetErrorCode()));
+    json.Member("message", DescribeStatus(w));
+    json.EndObject();
+  }
+  json.EndArray();
+}
+
+// ---------------------------------------------------------------------------------------------
+
+bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vector<ModelTerm>& terms,
+                     std::ostream& out, std::string& error, const FitHooks& hooks) {
+  if (table.NumRows() == 0) return Fail(error, "no data records");
+  auto model = std::make_unique<ModelSettings>();
+  if (!BuildSettings(o, table, terms, *model, error)) return false;
+  GZLSettings& s = model->settings;
+
+  // Records are reported in steps of about a twentieth of the file, so that even a very large
+  // file gives a steady count without flooding the terminal.
+  FitProgressPrinter records(FitProgressPrinter::Kind::Records, hooks.progress, hooks.progressIsTerminal);
+  FitProgressPrinter iterations(FitProgressPrinter::Kind::Iterations, hooks.progress, hooks.progressIsTerminal);
+  if (hooks.progress != nullptr) {
+    s.SetRecProgressListener(&records);
+    s.SetNSkippedReports(static_cast<int>(std::clamp<std::size_t>(table.NumRows() / 20, 1000, 1000000)));
+  }
+  // Always listened to: the number of iterations is part of the results.
+  s.SetIterProgressListener(&iterations);
+  s.SetCancelPointer(hooks.cancel);
+
+  std::unique_ptr<IGZLAlgorithm> algorithm(GZLFactory::CreateAlgorithm(s, false));
+  if (!algorithm) return Fail(error, "the engine refused the model settings");
+  TableRecordSource source(table);
+  const TQStatus status = algorithm->BuildModel(source);
+  records.Finish();
+  iterations.Finish();
+  if (status.GetErrorCode() == GZLStatusCode::Cancelled && status.IsError()) {
+    return Fail(error, "the fit was cancelled");
+  }
+  if (status.IsError() || !algorithm->IsModelBuilt()) {
+    const TQStatus reason = status.IsError() ? status : algorithm->GetStatus();
+    return Fail(error, "the model cannot be fitted: " + DescribeStatus(reason));
+  }
+  const GZLOutputStats* stats = nullptr;
+  const TQStatus statsStatus = algorithm->GetOutputStats(stats);
+  if (statsStatus.IsError() || stats == nullptr) {
+    return Fail(error, "the results of the fit are not available: " + DescribeStatus(statsStatus));
+  }
+
+  FitReport report;
+  GatherCounts(o, table, s, *stats, report);
+  GatherFit(o, *stats, report);
+  GatherParameters(o, table, terms, s, *stats, report);
+  report.convergence = StoppingText(stats->GetEstimStopCriterion());
+  report.iterations = iterations.LastIteration();
+  AddWarnings(report.warnings, stats->GetBuildModelWarnings());
+  AddWarnings(report.warnings, stats->GetStatComputeWarnings());
+  AddWarnings(report.warnings, stats->GetEffectAnalysisWarnings());
+  if (status.IsWarning()) AddWarnings(report.warnings, {status});
+
+  // Written whole only once everything is gathered, so that a failure leaves no partial output.
+  std::ostringstream text;
+  if (o.json) {
+    JsonWriter json(text);
+    json.BeginObject();
+    json.Key("model");
+    WriteModelInfoJson(json, o, table, terms);
+    WriteJson(json, report);
+    json.EndObject();
+    text << '\n';
+  } else {
+    WriteText(text, report);
+  }
+  out << text.str();
+  return true;
+}
+
+}  // namespace
+
+bool RunFit(const FitOptions& options, const CsvTable& table, const std::vector<ModelTerm>& terms, std::ostream& out,
+            std::string& error, const FitHooks& hooks) {
+  try {
+    return RunFitUnguarded(options, table, terms, out, error, hooks);
+  } catch (const std::bad_alloc&) {
+    error = "out of memory while fitting the model";
+  } catch (const std::exception& e) {
+    error = std::string("error while fitting the model: ") + e.what();
+  }
   return false;
 }

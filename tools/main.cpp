@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/CsvTable.h"
+#include <unistd.h>
+
+#include "tools/FitCommand.h"
+#include "tools/FitControl.h"
 #include "tools/FitOptions.h"
 #include "tools/FitRunner.h"
-#include "tools/JsonWriter.h"
-#include "tools/ModelInfo.h"
-#include "tools/ModelSpec.h"
 
 namespace {
 
@@ -106,46 +106,23 @@ int Fail(const std::string& message) {
   return 1;
 }
 
-// Everything after the command line has been read: checks, data, effects, the fit.
-int RunFitCommand(FitOptions& options) {
-  std::string error;
-  if (!CheckFitOptions(options, error)) return Fail(error);
+// Exit status of a fit stopped by Ctrl-C, as a shell reports a process ended by SIGINT.
+constexpr int kInterruptedExit = 130;
 
-  std::vector<ModelTerm> terms;
-  if (options.effects.empty()) {
-    terms = MainEffectTerms(options.factors, options.covariates);
-  } else if (!ParseEffectList(options.effects, options.factors, options.covariates, terms, error)) {
-    return Fail("--effects: " + error);
+// The fit with progress on stderr (so that it never mixes with the results; by default only
+// for a person at a terminal) and Ctrl-C cancelling it.
+int RunFitWithHooks(const FitOptions& options, bool progress) {
+  const bool terminal = isatty(STDERR_FILENO) != 0;
+  FitHooks hooks;
+  if (progress || terminal) {
+    hooks.progress = &std::cerr;
+    hooks.progressIsTerminal = terminal;
   }
-
-  CsvTable table;
-  CsvReadOptions readOptions;
-  readOptions.separator = options.separator;
-  if (!CsvTable::ReadFile(options.dataPath, FitColumnRequests(options), readOptions, table, error)) {
-    return Fail(options.dataPath + ": " + error);
-  }
-  if (table.NumRows() == 0) return Fail(options.dataPath + ": no data records");
-  if (!CheckFitData(options, table, error)) return Fail(error);
-
-  if (options.dryRun) {
-    if (options.json) {
-      JsonWriter json(std::cout);
-      json.BeginObject();
-      json.Key("model");
-      WriteModelInfoJson(json, options, table, terms);
-      json.EndObject();
-    } else {
-      WriteModelInfoText(std::cout, options, table, terms);
-    }
-    return 0;
-  }
-
-  if (!options.json) {
-    WriteModelInfoText(std::cout, options, table, terms);
-    std::cout << '\n';
-  }
-  if (!RunFit(options, table, terms, std::cout, error)) return Fail(error);
-  return 0;
+  InterruptFlag::Install();
+  FlagCancel cancel(InterruptFlag::Pointer());
+  hooks.cancel = &cancel;
+  const int code = RunFitCommand(options, hooks, std::cout, std::cerr);
+  return code != 0 && InterruptFlag::IsSet() ? kInterruptedExit : code;
 }
 
 // Values that the command line gives in another form than FitOptions holds them.
@@ -158,6 +135,7 @@ struct CommandLineExtras {
   std::optional<TQConst::DistType> distribution;
   std::vector<std::string> effects;
   bool noIntercept = false;
+  bool progress = false;
 };
 
 void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
@@ -255,6 +233,9 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
       ->group(output);
   fit.add_flag("--json", o.json, "Write the output as one JSON document")->group(output);
   fit.add_flag("--dry-run", o.dryRun, "Describe the model that would be fitted, and stop")->group(output);
+  fit.add_flag("--progress", x.progress,
+               "Report records read and iterations on stderr even when it is not a terminal")
+      ->group(output);
 }
 
 // Moves the command-line forms into the options; false with a message for a bad value.
@@ -310,7 +291,7 @@ int main(int argc, char** argv) {
 
     std::string error;
     if (!ApplyExtras(extras, options, error)) return Fail(error);
-    return RunFitCommand(options);
+    return RunFitWithHooks(options, extras.progress);
   } catch (const std::bad_alloc&) {
     return Fail("out of memory");
   } catch (const std::exception& e) {
