@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <filesystem>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -392,4 +391,46 @@ TEST(OutputStats, AlgorithmGetOutputStats) {
   EXPECT_EQ(out->GetHessianMatrixPtr()->GetNumRows(), static_cast<int>(params.size()) + 1);
   EXPECT_EQ(out->GetFullGradientVector().size(), params.size() + 1);
   EXPECT_TRUE(TQMV::IsMissing(out->GetQICValue()));
+}
+
+// A normal identity model fitted for a mixed-model host: t-based parameter rows on
+// fN - (parameters in the model) degrees of freedom, the scale interval on the normal quantile,
+// and the restricted information criteria.
+TEST(OutputStats, MixedModelHostTBased) {
+  auto c = LoadCase(output_test::RefDir() + "/expected/mtcars_normal_identity.json");
+  ASSERT_TRUE(c->ok) << c->problem;
+  c->settings.SetGZLModelType(GZLConst_940::GZLMMM);
+  c->settings.SetThetaEstTypeGZLMMM(1);
+  auto f = RunFit(c->settings, *c->source);
+  ASSERT_TRUE(f->inference) << f->fitStatus.GetErrorCode();
+  const GZLInference& inf = *f->inference;
+  EXPECT_TRUE(inf.IsTBased());
+  EXPECT_EQ(inf.GetDFForT(), 27.0);  // 32 observations, 5 parameters in the model
+  const double t = TQDistFun::IdfT(0.975, 27.0);
+  EXPECT_DOUBLE_EQ(inf.GetCriticalValue(), t);
+  const auto& rows = inf.GetParamStats();
+  for (int j = 0; j < 5; ++j) {
+    const TQRegrParameterStats& r = rows[j];
+    SCOPED_TRACE(j);
+    ASSERT_FALSE(TQMV::IsMissing(r.GetStdError()));
+    EXPECT_DOUBLE_EQ(r.GetTValue(), r.GetEstimate() / r.GetStdError());
+    EXPECT_EQ(r.GetDF(), 27.0);
+    EXPECT_TRUE(TQMV::IsMissing(r.GetWaldChiSquare()));
+    EXPECT_NEAR(r.GetSignificance(), 2.0 * (1.0 - TQDistFun::CdfT(std::fabs(r.GetTValue()), 27.0)), 1e-14);
+    EXPECT_NEAR(r.GetUpperBound() - r.GetLowerBound(), 2.0 * t * r.GetStdError(), 1e-12 * std::fabs(r.GetEstimate()) + 1e-14);
+  }
+  // Scale row: symmetric on the log scale with the normal quantile, not the t quantile.
+  const TQRegrParameterStats& scale = rows[6];
+  const double phi = scale.GetEstimate(), s = scale.GetStdError() / phi;
+  const double z = TQDistFun::IdfNorm(0.975, 0.0, 1.0);
+  EXPECT_NEAR(scale.GetLowerBound(), phi * std::exp(-s * z), 1e-12 * phi);
+  EXPECT_NEAR(scale.GetUpperBound(), phi * std::exp(s * z), 1e-12 * phi);
+  // Restricted criteria: d = 6, m = n - (d - 1) = 27.
+  const GZLGoodnessOfFit& g = inf.GetGoodnessOfFit();
+  EXPECT_TRUE(g.IsRestricted());
+  const double L = inf.GetLogLikelihood();
+  EXPECT_DOUBLE_EQ(g.GetAIC(), -2.0 * L + 2.0);
+  EXPECT_DOUBLE_EQ(g.GetAICC(), -2.0 * L + 2.0 * 27.0 / 25.0);
+  EXPECT_DOUBLE_EQ(g.GetBIC(), -2.0 * L + std::log(27.0));
+  EXPECT_DOUBLE_EQ(g.GetCAIC(), -2.0 * L + std::log(27.0) + 1.0);
 }
