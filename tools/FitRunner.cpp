@@ -288,6 +288,7 @@ struct FitReport {
   double omnibusDF = TQMV::Missing;
   double omnibusSig = TQMV::Missing;
   bool omnibusFailed = false;
+  bool intercept = true;
   double confidence = 0.95;
   std::vector<ParameterRow> parameters;
   std::optional<ParameterRow> scale;
@@ -473,6 +474,7 @@ void GatherFit(const FitOptions& o, const GZLOutputStats& stats, FitReport& repo
   report.omnibusDF = stats.GetOmnibusDF();
   report.omnibusSig = stats.GetOmnibusSig();
   report.omnibusFailed = stats.GetOmnibusFailedInitModel();
+  report.intercept = o.intercept;
 }
 
 void GatherParameters(const FitOptions& o, const CsvTable& table, const std::vector<ModelTerm>& terms,
@@ -603,11 +605,12 @@ void WriteText(std::ostream& out, const FitReport& r) {
   }
 
   {
-    TextTable table("\nOmnibus test (fitted model against the intercept-only model)",
+    TextTable table(r.intercept ? "\nOmnibus test (fitted model against the intercept-only model)"
+                                : "\nOmnibus test (fitted model against the model without parameters)",
                     {"Likelihood-ratio chi-square", "df", "Sig."}, {Align::Right, Align::Right, Align::Right});
     table.AddRow({Number(r.omnibusChiSquare), Number(r.omnibusDF), Significance(r.omnibusSig)});
     table.Write(out);
-    if (r.omnibusFailed) out << "  The intercept-only model could not be fitted.\n";
+    if (r.omnibusFailed) out << "  The null model could not be fitted.\n";
   }
 
   {
