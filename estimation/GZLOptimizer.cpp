@@ -289,7 +289,8 @@ void GZLOptimizerForGZLM::InitialBeta() {
   fInitHessian = augmented;
   std::vector<double> coeffs;
   TQBitSet set;
-  if (augmented.GetRegCoeffs(fpSettings->GetTolerance(), coeffs, set) < 0) {
+  // A model without regression parameters (no intercept, no effect) has nothing to solve for.
+  if (fNParams > 0 && augmented.GetRegCoeffs(fpSettings->GetTolerance(), coeffs, set) < 0) {
     fStatus = TQStatus::Error(GZLStatusCode::InternalError);
     return;
   }
@@ -390,7 +391,8 @@ void GZLOptimizerForGZLM::ClosedFormSolution() {
   fInitHessian = augmented;
   std::vector<double> coeffs;
   TQBitSet set;
-  if (augmented.GetRegCoeffs(fpSettings->GetTolerance(), coeffs, set) < 0) {
+  // A model without regression parameters (no intercept, no effect) has nothing to solve for.
+  if (fNParams > 0 && augmented.GetRegCoeffs(fpSettings->GetTolerance(), coeffs, set) < 0) {
     fStatus = TQStatus::Error(GZLStatusCode::InternalError);
     return;
   }

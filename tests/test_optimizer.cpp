@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "GZLFactory.h"
@@ -19,6 +21,7 @@
 #include "estimation/GZLLLGradHessian.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLStatFactory.h"
+#include "support/TQDisplay_940.h"
 
 namespace {
 
@@ -540,4 +543,95 @@ TEST(LLGradHessian, PassInverseAndUpdate) {
   // The moment estimate of the scale is positive.
   lgh.ComputeInitialScale(st, opt.GetParamEstimates());
   EXPECT_GT(lgh.GetInitialScale(), 0.0);
+}
+
+TEST(Optimizer, DisplayAndMultinomialSeam) {
+  Model m(TQConst::DistPoisson, TQConst::LinkLog, 1, PoissonData());
+  auto& opt = m.Fit();
+  std::ostringstream out;
+  {
+    TQDisplay_940::ScopedStream redirect(out);
+    opt.Display();
+  }
+  const std::string text = out.str();
+  EXPECT_EQ(text.rfind("GZLOptimizerForGZLM display start", 0), 0u);
+  EXPECT_NE(text.find("GZLOptimizer display start"), std::string::npos);
+  EXPECT_NE(text.find("Vector of parameter estimates"), std::string::npos);
+  EXPECT_NE(text.find("Hessian matrix is computed using fish or not"), std::string::npos);
+  EXPECT_NE(text.find("GZLStatFactory display start"), std::string::npos);
+  const std::string last = "GZLOptimizerForGZLM display end";
+  ASSERT_GE(text.size(), last.size() + 1);
+  EXPECT_EQ(text.substr(text.size() - last.size() - 1), last + "\n");
+
+  // The multinomial accumulators are not part of this build: the pass says so with an error.
+  GZLSettings s;
+  s.SetDistType(TQConst::DistNominalMultinomial);
+  s.SetLinkType(TQConst::LinkLogit);
+  s.SetScaleType(GZLConst_940::ScaleFixed);
+  s.SetDependent(0);
+  s.SetDependentSize(3);
+  s.SetInterceptUse(true);
+  GZLMemorySource src({{0, 1}, {1, 2}, {2, 3}, {1, 1}, {0, 2}, {2, 2}});
+  GZLDesignMatrix design(s);
+  TQStatus st;
+  design.RunDictionaryPass(st, src);
+  design.SetRecordSource(&src);
+  GZLDesignRowSource rows(design);
+  GZLStatFactory f(rows, s);
+  f.ComputeLLGradHessian(st, std::vector<double>(static_cast<std::size_t>(f.GetNumParams()), 0.0), 1.0, true, false,
+                         false);
+  EXPECT_TRUE(st.IsError());
+  EXPECT_EQ(st.GetErrorCode(), GZLStatusCode::CantBuildModel);
+}
+
+TEST(LLGradHessian, SeparationIsCheckedWhenDue) {
+  Model m(TQConst::DistBinomial, TQConst::LinkLogit, 1, SeparatedBinary());
+  m.s.SetCSIteration(3);
+  m.s.SetMaxIterations(8);
+  auto& opt = m.Fit();
+  GZLLLGradHessian lgh(m.s, opt, *m.rows);
+  TQStatus st;
+  double ll = 0.0;
+  std::vector<double> g;
+  TQSymMatrix H;
+  lgh.ComputeLLGradHessian(st, {0.0, 60.0}, 1.0, TQMV::Missing, ll, g, H, false);
+  auto crit = GZLConst_940::NoCriterionSatisfied;
+  // Not due before the start iteration, except for the check at the end of a short fit.
+  lgh.CheckSeparation(st, 0, 2, false, crit);
+  EXPECT_TRUE(st.IsOK());
+  EXPECT_EQ(crit, GZLConst_940::NoCriterionSatisfied);
+  lgh.CheckSeparation(st, 0, 3, false, crit);
+  EXPECT_EQ(st.GetErrorCode(), GZLStatusCode::CompleteSeparation);
+  EXPECT_EQ(crit, GZLConst_940::CompleteSeparation);
+  crit = GZLConst_940::NoCriterionSatisfied;
+  lgh.CheckSeparation(st, 0, 3, true, crit);
+  EXPECT_TRUE(st.IsOK());
+  lgh.CheckSeparation(st, 0, 2, true, crit);
+  EXPECT_EQ(crit, GZLConst_940::CompleteSeparation);
+}
+
+TEST(Optimizer, ModelWithoutParameters) {
+  // No intercept and no effect: the log-likelihood at mu = exp(offset) is the whole fit.
+  GZLSettings s;
+  s.SetDistType(TQConst::DistPoisson);
+  s.SetLinkType(TQConst::LinkLog);
+  s.SetScaleType(GZLConst_940::ScaleFixed);
+  s.SetDependent(0);
+  s.SetOffset(1);
+  const Rows data{{2, 0.5}, {3, 1.0}, {7, 2.0}, {4, 1.5}, {1, 0.2}};
+  GZLMemorySource src(data);
+  GZLDesignMatrix design(s);
+  TQStatus st;
+  design.RunDictionaryPass(st, src);
+  design.SetRecordSource(&src);
+  GZLDesignRowSource rows(design);
+  ASSERT_EQ(rows.GetNumParameters(), 0);
+  GZLOptimizerForGZLM opt(rows, s);
+  st = opt.Estimate();
+  ASSERT_FALSE(st.IsError()) << st.GetErrorCode();
+  EXPECT_TRUE(opt.IsEstimated());
+  opt.PostEstimation();
+  double ll = 0.0;
+  for (const auto& r : data) ll += r[0] * r[1] - std::exp(r[1]) - std::lgamma(r[0] + 1.0);
+  EXPECT_NEAR(opt.GetFullLogLikelihood(), ll, 1e-10);
 }
