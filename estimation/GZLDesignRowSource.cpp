@@ -2,6 +2,7 @@
 
 #include "GZLDataStats.h"
 #include "data/GZLDesignMatrix.h"
+#include "support/TQRectMatrix.h"
 
 bool GZLDesignRowSource::RestartPass() { return fpDesign->RestartPass(); }
 
@@ -19,4 +20,20 @@ double GZLDesignRowSource::GetResponseSumOfSquares(bool corrected, bool withScal
   if (corrected) return s.fSumSqDev;
   // About 0: the squared deviations plus the weight times the squared mean.
   return s.fSumSqDev + s.fWeightedN * s.fMean * s.fMean;
+}
+
+const TQRectMatrix* GZLDesignRowSource::GetBackTransform() const {
+  const TQRectMatrix& a = fpDesign->GetBackTransform();
+  const int p = fpDesign->GetNumOfParams();
+  if (!fpDesign->IsScaledDesign() || fpDesign->IsReducedModel() || a.GetNumRows() != p || a.GetNumCols() != p)
+    return nullptr;
+  return &a;
+}
+
+const TQRectMatrix* GZLDesignRowSource::GetForwardTransform() const {
+  const TQRectMatrix& b = fpDesign->GetForwardTransform();
+  const int p = fpDesign->GetNumOfParams();
+  if (!fpDesign->IsScaledDesign() || fpDesign->IsReducedModel() || b.GetNumRows() != p || b.GetNumCols() != p)
+    return nullptr;
+  return &b;
 }

@@ -15,6 +15,9 @@ class GZLDesignRowSource final : public IGZLRowSource {
   int GetNumParameters() const override;
   double GetNumObservations() const override;
   double GetResponseSumOfSquares(bool corrected, bool withScaleWeight) const override;
+  // The design's transforms while the whole scaled design is in use (not a reduced model).
+  const TQRectMatrix* GetBackTransform() const override;
+  const TQRectMatrix* GetForwardTransform() const override;
 
   GZLDesignMatrix& GetDesignMatrix() const noexcept { return *fpDesign; }
 

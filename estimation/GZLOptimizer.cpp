@@ -14,6 +14,7 @@
 #include "support/ITQLinkFunc.h"
 #include "support/TQDisplay_940.h"
 #include "support/TQPower.h"
+#include "support/TQRectMatrix.h"
 
 using GZLConst_940::StoppingCriteria;
 
@@ -266,9 +267,54 @@ TQStatus GZLOptimizerForGZLM::Estimate() {
     ZeroScaleCheck();
   }
   fbEstimated = !fStatus.IsError() && fStatus.GetErrorCode() != GZLStatusCode::AllInvalidRecordsForLinkFunction;
+  if (fbEstimated && fpSource->GetBackTransform() != nullptr && !MapBackFromScaledDesign()) {
+    fStatus = TQStatus::Error(GZLStatusCode::InternalError);
+    fbEstimated = false;
+  }
   const double usable = fpSource->GetNumObservations() - fNBadRecords;
   fMeanFitted = (fbEstimated && usable > 0.0) ? fpStatFactory->GetSumFittedMeans() / usable : TQMV::Missing;
   return fStatus;
+}
+
+bool GZLOptimizerForGZLM::MapBackFromScaledDesign() {
+  const TQRectMatrix* back = fpSource->GetBackTransform();
+  const TQRectMatrix* forward = fpSource->GetForwardTransform();
+  const int P = fNParams;
+  if (back == nullptr || forward == nullptr || back->GetNumRows() != P || back->GetNumCols() != P ||
+      forward->GetNumRows() != P || forward->GetNumCols() != P)
+    return false;
+  fScaledParamEstimates = fParamEstimates;
+  fScaledGradient = fGradient;
+  fScaledHessian = fHessian;
+  fScaledInverseHessian = fInverseHessian;
+  std::vector<double> mapped;
+  if (!back->ComputeRV(fParamEstimates, mapped)) return false;
+  fParamEstimates = mapped;
+  // The extra parameter (log phi or log k) is not transformed.
+  const int n = GetNumFullParams();
+  TQRectMatrix A(n, n, 0.0), B(n, n, 0.0);
+  for (int i = 0; i < P; ++i)
+    for (int j = 0; j < P; ++j) {
+      A(i, j) = (*back)(i, j);
+      B(i, j) = (*forward)(i, j);
+    }
+  for (int i = P; i < n; ++i) A(i, i) = B(i, i) = 1.0;
+  // Unscaled = A scaled, so the gradient and the Hessian go with B' and B' H B, the inverse with
+  // A H^-1 A'.
+  if (static_cast<int>(fGradient.size()) == n) {
+    if (!B.ComputeRTransV(fScaledGradient, mapped)) return false;
+    fGradient = mapped;
+  }
+  const bool missingMatrices = n > 0 && fHessian.GetNumRows() == n && TQMV::IsMissing(fHessian(0, 0));
+  if (!missingMatrices && fHessian.GetNumRows() == n) {
+    TQSymMatrix out;
+    if (!fScaledHessian.ComputeRTransSR(B, out)) return false;
+    fHessian = out;
+    if (!fScaledInverseHessian.ComputeRSRTrans(A, out)) return false;
+    fInverseHessian = out;
+  }
+  fbRTransformed = true;
+  return true;
 }
 
 void GZLOptimizerForGZLM::InitialBeta() {
@@ -724,7 +770,7 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
       ++bad;
     } else {
       int linkStatus = 0;
-      const double mu = link->GetMu(Eta(*row, fParamEstimates), &linkStatus);
+      const double mu = link->GetMu(Eta(*row, GetScaledParamEstimates()), &linkStatus);
       if (linkStatus != 0 || TQMV::IsMissing(mu)) {
         ++bad;
       } else {
@@ -784,12 +830,17 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
     for (double& g : fGradient) g /= fPhi;
     fInverseHessian.MultiplyByNumber(fPhi);
     fHessian.MultiplyByNumber(1.0 / fPhi);
+    if (fbRTransformed) {
+      for (double& g : fScaledGradient) g /= fPhi;
+      fScaledInverseHessian.MultiplyByNumber(fPhi);
+      fScaledHessian.MultiplyByNumber(1.0 / fPhi);
+    }
     if ((dist == TQConst::DistBinomial || dist == TQConst::DistNegBinomial || dist == TQConst::DistPoisson) &&
         !TQMV::IsMissing(fLLConstant))
       fLLConstant /= fPhi;
     // The kernel at the estimated scale.
     TQStatus st;
-    factory.ComputeLLGradHessian(st, fParamEstimates, fPhi, fbUseExpected, true, true);
+    factory.ComputeLLGradHessian(st, GetScaledParamEstimates(), fPhi, fbUseExpected, true, true);
     fKernelLLScaleFixed = st.IsError() ? TQMV::Missing : factory.GetLogLikelihood();
     if (st.GetErrorCode() == 1 || st.GetErrorCode() == GZLStatusCode::NewPass) return st;
   } else {

@@ -94,6 +94,17 @@ class GZLOptimizer {
   // is missing).
   double GetFullLogLikelihood() const noexcept { return fFullLL; }
   double GetLogLikeConstant() const noexcept { return fLLConstant; }
+  // With a scaled design the results above refer to the design as specified (mapped back from
+  // the scaled design); these are the estimates, Hessian and inverse of the scaled design
+  // itself. Without a scaled design they equal the results above.
+  bool IsRTransformed() const noexcept { return fbRTransformed; }
+  const std::vector<double>& GetScaledParamEstimates() const noexcept {
+    return fbRTransformed ? fScaledParamEstimates : fParamEstimates;
+  }
+  const TQSymMatrix& GetScaledHessian() const noexcept { return fbRTransformed ? fScaledHessian : fHessian; }
+  const TQSymMatrix& GetScaledInverseHessian() const noexcept {
+    return fbRTransformed ? fScaledInverseHessian : fInverseHessian;
+  }
   // The log-likelihood the settings ask for (full or kernel).
   double GetLogLikelihood() const noexcept;
   // For the deviance and Pearson scale methods, the kernel and full log-likelihood evaluated
@@ -216,6 +227,12 @@ class GZLOptimizer {
   GZLConst_940::ThetaEstTypeGZLMMM fThetaEstType = 1;
   // Normal distribution with identity link: closed form, scale-free inversion.
   bool fbNormalIdentity = false;
+  // Results mapped back from a scaled design, and the scaled originals.
+  bool fbRTransformed = false;
+  std::vector<double> fScaledParamEstimates;
+  std::vector<double> fScaledGradient;
+  TQSymMatrix fScaledHessian;
+  TQSymMatrix fScaledInverseHessian;
 };
 
 class GZLOptimizerForGZLM : public GZLOptimizer {
@@ -263,6 +280,9 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   double ZeroScaleThreshold() const;
   void ReportProgress();
   bool IsSeparationModel() const noexcept;
+  // Maps estimates, gradient, Hessian and inverse of a scaled design back to the design as
+  // specified. False when the transforms do not fit.
+  bool MapBackFromScaledDesign();
 
   IGZLRowSource* fpSource;
   std::unique_ptr<GZLStatFactory> fpStatFactory;

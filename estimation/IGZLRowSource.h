@@ -4,6 +4,8 @@
 // and benchmarks may serve rows of their own making.
 #include "data/GZLDesignRow.h"
 
+class TQRectMatrix;
+
 class IGZLRowSource {
  public:
   virtual ~IGZLRowSource() = default;
@@ -23,4 +25,9 @@ class IGZLRowSource {
   // `corrected`, about 0 otherwise; weighted by the frequency weight, and also by the scale
   // weight when `withScaleWeight`.
   virtual double GetResponseSumOfSquares(bool corrected, bool withScaleWeight) const = 0;
+  // For rows of a scaled (centred and scaled) design: the back transform A (estimates of the
+  // design as specified = A times those of the rows) and the forward transform B = A^-1, both
+  // P x P. Null for rows of the design as specified.
+  virtual const TQRectMatrix* GetBackTransform() const { return nullptr; }
+  virtual const TQRectMatrix* GetForwardTransform() const { return nullptr; }
 };

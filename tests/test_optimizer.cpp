@@ -635,3 +635,35 @@ TEST(Optimizer, ModelWithoutParameters) {
   for (const auto& r : data) ll += r[0] * r[1] - std::exp(r[1]) - std::lgamma(r[0] + 1.0);
   EXPECT_NEAR(opt.GetFullLogLikelihood(), ll, 1e-10);
 }
+
+TEST(Optimizer, ScaledDesignIsMappedBack) {
+  // Centred and scaled columns give the same model: estimates, covariance, Hessian and
+  // log-likelihood of the design as specified agree with the fit of the unscaled design.
+  const Rows data{{2, 0.1, 10}, {3, 0.4, 12}, {6, 0.9, 11}, {4, 0.5, 15}, {9, 1.3, 13},
+                  {1, 0.0, 9},  {12, 1.6, 14}, {5, 0.7, 10}, {0, -0.2, 8}, {3, 0.3, 12}};
+  for (auto dist : {TQConst::DistPoisson, TQConst::DistNormal}) {
+    const auto link = dist == TQConst::DistPoisson ? TQConst::LinkLog : TQConst::LinkIdentity;
+    Model plain(dist, link, 2, data);
+    Model scaled(dist, link, 2, data);
+    scaled.s.SetTransformEffects(true);
+    auto& a = plain.Fit();
+    auto& b = scaled.Fit();
+    ASSERT_TRUE(a.IsEstimated());
+    ASSERT_TRUE(b.IsEstimated());
+    EXPECT_FALSE(a.IsRTransformed());
+    ASSERT_TRUE(b.IsRTransformed());
+    a.PostEstimation();
+    b.PostEstimation();
+    for (int j = 0; j < 3; ++j) {
+      EXPECT_NEAR(b.GetParamEstimates()[j], a.GetParamEstimates()[j], 1e-8 * (1 + std::fabs(a.GetParamEstimates()[j])));
+      for (int k = 0; k <= j; ++k) {
+        EXPECT_NEAR(b.GetInverseHessian()(j, k), a.GetInverseHessian()(j, k), 1e-8 * (1 + std::fabs(a.GetInverseHessian()(j, k))));
+        EXPECT_NEAR(b.GetHessian()(j, k), a.GetHessian()(j, k), 1e-7 * (1 + std::fabs(a.GetHessian()(j, k))));
+      }
+    }
+    // The scaled estimates are different numbers for the same fit.
+    EXPECT_GT(std::fabs(b.GetScaledParamEstimates()[1] - b.GetParamEstimates()[1]), 1e-3);
+    EXPECT_NEAR(b.GetFullLogLikelihood(), a.GetFullLogLikelihood(), 1e-8);
+    EXPECT_NEAR(b.GetDeviance(), a.GetDeviance(), 1e-8);
+  }
+}
