@@ -55,6 +55,10 @@ bool GZLAlgorithm::HasEstimates() const { return fpOptimizer != nullptr && fpOpt
 
 TQStatus GZLAlgorithm::RunEstimation() {
   const GZLSettings& s = *fpSettings;
+  // A new fit replaces the warnings of the previous one.
+  fBuildModelWarnings.clear();
+  fEffectAnalysisWarnings.clear();
+  fEmmeansWarnings.clear();
   const bool normalIdentity = s.GetDistType() == TQConst::DistNormal && s.GetLinkType() == TQConst::LinkIdentity;
   const bool mixedHost = s.GetGZLModelType() == GZLConst_940::GZLMMM;
   // The optimizer over the design rows; no iteration listener for a silent (inner) fit.

@@ -667,3 +667,31 @@ TEST(Optimizer, ScaledDesignIsMappedBack) {
     EXPECT_NEAR(b.GetDeviance(), a.GetDeviance(), 1e-8);
   }
 }
+
+TEST(Optimizer, RefitThroughTheAlgorithm) {
+  // A second BuildModel refits from scratch: the warnings of the first fit do not linger.
+  Model m(TQConst::DistPoisson, TQConst::LinkLog, 1, PoissonData());
+  m.s.SetMaxIterations(1);
+  std::unique_ptr<IGZLAlgorithm> a(GZLFactory::CreateAlgorithm(m.s, false));
+  TQStatus st = a->BuildModel(*m.src);
+  EXPECT_EQ(st, TQStatus::Warning(GZLStatusCode::LoopIterLargeMaxIter));
+  EXPECT_TRUE(a->IsModelBuilt());
+  const auto* first = dynamic_cast<const GZLOptimizerForGZLM*>(a->GetOptimizer());
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->GetIterationNumber(), 1);
+  m.s.SetMaxIterations(100);
+  m.src->Rewind();  // the host hands the source back at its start
+  st = a->BuildModel(*m.src);
+  EXPECT_TRUE(st.IsOK()) << st.GetErrorCode();
+  EXPECT_TRUE(a->GetBuildModelWarnings().empty());
+  const auto* second = dynamic_cast<const GZLOptimizerForGZLM*>(a->GetOptimizer());
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(second->GetStoppingCriterion(), GZLConst_940::AllConverged);
+  EXPECT_GT(second->GetIterationNumber(), 1);
+  // A source that cannot start over ends the fit with NewPass.
+  GZLMemorySource once(PoissonData(), false);
+  std::unique_ptr<IGZLAlgorithm> b(GZLFactory::CreateAlgorithm(m.s, false));
+  st = b->BuildModel(once);
+  EXPECT_EQ(st.GetErrorCode(), GZLStatusCode::NewPass);
+  EXPECT_FALSE(b->IsModelBuilt());
+}
