@@ -54,7 +54,7 @@ class GZLHessianMatrix {
   // all present (the intercept and a block of covariates, typically) occupy the first rows of
   // the triangle and the first places of every later row, so they are updated as contiguous
   // vectors; only the remaining columns (factor levels) are scattered.
-  void UpdateForRow(const int* indices, const double* values, int count, double W, double c,
+  void UpdateForRow(const int* __restrict indices, const double* __restrict values, int count, double W, double c,
                     double paramDeriv2) noexcept {
     if (!fbSkipBeta) {
       double* __restrict h = fHessian.Data();

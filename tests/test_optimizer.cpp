@@ -695,3 +695,43 @@ TEST(Optimizer, RefitThroughTheAlgorithm) {
   EXPECT_EQ(st.GetErrorCode(), GZLStatusCode::NewPass);
   EXPECT_FALSE(b->IsModelBuilt());
 }
+
+TEST(StatFactory, NegativeBinomialKRowAgainstFiniteDifferences) {
+  // k estimated (log link): the row of log(k) in the information is minus the derivative of the
+  // gradient in log(k), and the gradient's last entry the derivative of the log-likelihood.
+  Model m(TQConst::DistNegBinomial, TQConst::LinkLog, 1, PoissonData());
+  m.s.SetScaleType(GZLConst_940::ScaleFixed);
+  m.s.SetDistParam(0.7);
+  m.s.SetDistParamType(GZLConst_940::DistParamMLE);
+  m.Prepare();
+  GZLStatFactory& f = m.opt->GetStatFactory();
+  const std::vector<double> beta{0.9, 0.8};
+  const double k = 0.7, h = 1e-6;
+  TQStatus st;
+  f.SetDistParam(k);
+  f.ComputeLLGradHessian(st, beta, 1.0, true, false, false);
+  ASSERT_TRUE(st.IsOK());
+  const TQSymMatrix info = f.GetHessian();
+  const std::vector<double> g = f.GetGradient();
+  ASSERT_EQ(info.GetNumRows(), 3);
+  f.SetDistParam(k * std::exp(h));
+  f.ComputeLLGradHessian(st, beta, 1.0, true, false, false);
+  const std::vector<double> gp = f.GetGradient();
+  const double lp = f.GetLogLikelihood();
+  f.SetDistParam(k * std::exp(-h));
+  f.ComputeLLGradHessian(st, beta, 1.0, true, false, false);
+  const std::vector<double> gm = f.GetGradient();
+  const double lm = f.GetLogLikelihood();
+  for (int i = 0; i < 3; ++i)
+    EXPECT_NEAR(info(i, 2), -(gp[i] - gm[i]) / (2 * h), 1e-5 * (1 + std::fabs(info(i, 2))));
+  EXPECT_NEAR(g[2], (lp - lm) / (2 * h), 1e-5 * (1 + std::fabs(g[2])));
+  // The fit itself converges with k moving on the log scale.
+  f.SetDistParam(k);
+  auto& opt = *m.opt;
+  opt.Estimate();
+  EXPECT_TRUE(opt.IsEstimated());
+  EXPECT_GT(opt.GetK(), 0.0);
+  EXPECT_NE(opt.GetK(), 0.7);
+  EXPECT_EQ(opt.GetGradient().size(), 3u);
+  for (double gj : opt.GetGradient()) EXPECT_NEAR(gj, 0.0, 1e-4);
+}
