@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "estimation/GZLRankOne.h"
 #include "support/TQSymMatrix.h"
 
 class GZLSettings;
@@ -50,29 +51,9 @@ class GZLHessianMatrix {
 
   // One record in sparse form (indices increasing, parameters in the model, non-zero values):
   // the beta block grows by W x x', the extra row (when on) by c x and its corner by paramDeriv2.
-  // The rank-one update runs over the packed triangle row by row. The leading columns that are
-  // all present (the intercept and a block of covariates, typically) occupy the first rows of
-  // the triangle and the first places of every later row, so they are updated as contiguous
-  // vectors; only the remaining columns (factor levels) are scattered.
   void UpdateForRow(const int* __restrict indices, const double* __restrict values, int count, double W, double c,
                     double paramDeriv2) noexcept {
-    if (!fbSkipBeta) {
-      double* __restrict h = fHessian.Data();
-      const std::size_t* rowStart = fRowStart.data();
-      int d = 0;
-      while (d < count && indices[d] == d) ++d;
-      for (int a = 0; a < d; ++a) {
-        const double xa = W * values[a];
-        double* __restrict row = h + rowStart[a];
-        for (int b = 0; b <= a; ++b) row[b] += xa * values[b];
-      }
-      for (int a = d; a < count; ++a) {
-        const double xa = W * values[a];
-        double* __restrict row = h + rowStart[indices[a]];
-        for (int b = 0; b < d; ++b) row[b] += xa * values[b];
-        for (int b = d; b <= a; ++b) row[indices[b]] += xa * values[b];
-      }
-    }
+    if (!fbSkipBeta) GZLSparseRankOneUpdate(fHessian.Data(), fRowStart.data(), indices, values, count, W);
     if (fbExtra) {
       double* e = fExtraRow.data();
       for (int a = 0; a < count; ++a) e[indices[a]] += c * values[a];

@@ -7,6 +7,7 @@
 #include "GZLConst_940.h"
 #include "GZLProgress.h"
 #include "data/GZLDesignRow.h"
+#include "estimation/GZLRankOne.h"
 #include "estimation/IGZLRowSource.h"
 #include "families/GZLLogLikeFunc.h"
 #include "families/GZLVarianceFunctions.h"
@@ -485,6 +486,11 @@ void GZLStatFactory::ComputeStartingRegression(TQStatus& status, double phi, TQS
   const ITQLinkFunc* link = fpLinkFunc.get();
   const IGZLVarianceFunc* var = fpVarianceFunc.get();
   const std::size_t P = static_cast<std::size_t>(fNParams);
+  // The record in sparse form with the working response appended as entry P.
+  std::vector<int> idx(P + 1);
+  std::vector<double> val(P + 1);
+  std::vector<std::size_t> rowStart(P + 1);
+  for (std::size_t i = 0; i <= P; ++i) rowStart[i] = TQSymMatrix::Index(static_cast<int>(i), 0);
   while (const GZLDesignRow* row = fpSource->GetNextRow()) {
     ++seen;
     if (!row->fbInvalid && row->fValues.size() == P) {
@@ -506,7 +512,17 @@ void GZLStatFactory::ComputeStartingRegression(TQStatus& status, double phi, TQS
           const double z = (eta0 - row->fOffset) + (y - mu0) * g1;
           const double W = row->fFreqWeight * row->fScaleWeight / (phi * V) * inv2;
           if (!TQMV::IsMissingOrInfinite(z) && !TQMV::IsMissingOrInfinite(W)) {
-            augmented.UpdateXXAug(row->fValues, z, W);
+            const double* x = row->fValues.data();
+            int m = 0;
+            for (std::size_t j = 0; j < P; ++j) {
+              idx[static_cast<std::size_t>(m)] = static_cast<int>(j);
+              val[static_cast<std::size_t>(m)] = x[j];
+              m += (x[j] != 0.0);
+            }
+            idx[static_cast<std::size_t>(m)] = static_cast<int>(P);
+            val[static_cast<std::size_t>(m)] = z;
+            m += (z != 0.0);
+            GZLSparseRankOneUpdate(augmented.Data(), rowStart.data(), idx.data(), val.data(), m, W);
             ++used;
           }
         }
