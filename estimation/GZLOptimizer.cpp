@@ -421,40 +421,20 @@ void GZLOptimizerForGZLM::ComputeInitialValues() {
 }
 
 void GZLOptimizerForGZLM::ClosedFormSolution() {
-  TQSymMatrix augmented;
-  int used = 0, seen = 0;
-  TQStatus st;
-  fpStatFactory->ComputeStartingRegression(st, fPhi > 0.0 ? fPhi : 1.0, augmented, used, seen);
-  if (st.IsError()) {
-    fStatus = st;
-    return;
-  }
-  if (seen > 0 && used == 0) {
-    fbInvalidForLink = true;
-    fStatus = TQStatus::Error(GZLStatusCode::AllInvalidRecordsForLinkFunction);
-    return;
-  }
-  fInitHessian = augmented;
-  std::vector<double> coeffs;
-  TQBitSet set;
-  // A model without regression parameters (no intercept, no effect) has nothing to solve for.
-  if (fNParams > 0 && augmented.GetRegCoeffs(fpSettings->GetTolerance(), coeffs, set) < 0) {
-    fStatus = TQStatus::Error(GZLStatusCode::InternalError);
-    return;
-  }
-  fParamEstimates = coeffs;
-  fParamEstimates.resize(static_cast<std::size_t>(fNParams), 0.0);
-  set.Resize(fNParams, false);
-  fInitRedunInfo = set;
-  fFinalRedunInfo = set;
+  // The closed form is the starting regression itself: for the normal identity model one weighted
+  // least squares sweep is already the maximum likelihood solution.
+  InitialBeta();
+  if (fStatus.IsError()) return;
+  fFinalRedunInfo = fInitRedunInfo;
   fbFirstInversion = false;
+  TQStatus st;
   fpStatFactory->SetRedundancy(fInitRedunInfo);
 
   if (fpSettings->IsModelGZLMMM()) {
     // log det of the weighted cross-products of the non-redundant columns.
     TQSymMatrix xwx(fNParams);
     for (int i = 0; i < fNParams; ++i)
-      for (int j = 0; j <= i; ++j) xwx(i, j) = augmented(i, j);
+      for (int j = 0; j <= i; ++j) xwx(i, j) = fInitHessian(i, j);
     std::vector<double> diagonal;
     xwx.GetDiagonal(diagonal);
     TQBitSet cholSet;
