@@ -30,11 +30,7 @@ double MultinomialDeviance(const std::vector<double>& o, const std::vector<doubl
     if (IsMissing(o[j]) || IsMissing(pi[j])) return TQMV::Missing;
     if (o[j] > 0.0 && n > 0.0 && pi[j] > 0.0) total += 2.0 * o[j] * std::log(o[j] / (pi[j] * n));
   }
-  if (TQMV::IsMissingOrInfinite(total)) return TQMV::Missing;
-  const double s = sum + total;
-  if (TQMV::IsMissingOrInfinite(s)) return TQMV::Missing;
-  sum = s;
-  return sum;
+  return GZLFamilyUtil::AddTerm(sum, total);
 }
 
 }  // namespace
@@ -49,11 +45,7 @@ double IGZLDevianceFunc::AddDevianceNominal(const std::vector<double>&, const st
 }
 
 double IGZLDevianceFunc::Add(double term) {
-  if (TQMV::IsMissingOrInfinite(term)) return TQMV::Missing;
-  const double s = fDeviance + term;
-  if (TQMV::IsMissingOrInfinite(s)) return TQMV::Missing;
-  fDeviance = s;
-  return fDeviance;
+  return GZLFamilyUtil::AddTerm(fDeviance, term);
 }
 
 void IGZLDevianceFunc::DisplayBase() const { TQDisplay_940::DisplayDF("Deviance value", fDeviance); }

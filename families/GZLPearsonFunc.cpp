@@ -3,6 +3,7 @@
 #include <string>
 
 #include "support/TQDisplay_940.h"
+#include "families/GZLFamilyUtil.h"
 #include "support/TQMV.h"
 
 using TQMV::IsMissing;
@@ -26,11 +27,7 @@ double MultinomialPearson(const std::vector<double>& o, const std::vector<double
       total += r * r / e;
     }
   }
-  if (TQMV::IsMissingOrInfinite(total)) return TQMV::Missing;
-  const double s = sum + total;
-  if (TQMV::IsMissingOrInfinite(s)) return TQMV::Missing;
-  sum = s;
-  return sum;
+  return GZLFamilyUtil::AddTerm(sum, total);
 }
 
 }  // namespace
@@ -43,11 +40,7 @@ double IGZLPearsonFunc::AddPearsonNominal(const std::vector<double>&, const std:
 }
 
 double IGZLPearsonFunc::Add(double term) {
-  if (TQMV::IsMissingOrInfinite(term)) return TQMV::Missing;
-  const double s = fPearson + term;
-  if (TQMV::IsMissingOrInfinite(s)) return TQMV::Missing;
-  fPearson = s;
-  return fPearson;
+  return GZLFamilyUtil::AddTerm(fPearson, term);
 }
 
 void IGZLPearsonFunc::DisplayBase() const { TQDisplay_940::DisplayDF("Pearson value is:", fPearson); }
