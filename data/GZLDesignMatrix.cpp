@@ -2,6 +2,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <typeinfo>
 
 #include "GZLConst_940.h"
 #include "GZLReporter.h"
@@ -45,6 +46,19 @@ GZLDesignMatrix::GZLDesignMatrix(const GZLSettings& settings)
       fDistType(settings.GetDistType()),
       fNResponseCategs(settings.GetDependentSize()) {
   fStrategies = GZLRecordStrategies::Create(settings, *this);
+  {
+    // The strategies that only answer "valid" and fill nothing are left out of the per-record
+    // path (the subpopulation base class serves every model without covariate patterns).
+    const auto& fw = *fStrategies.fpFreqWeight;
+    const auto& ow = *fStrategies.fpScaleWeight;
+    const auto& of = *fStrategies.fpOffset;
+    const auto& bi = *fStrategies.fpSubpopulation;
+    fbFreqWeightVar = typeid(fw) != typeid(GZLFWNone);
+    fbScaleWeightVar = typeid(ow) != typeid(GZLOWNone);
+    fbOffsetTested = typeid(of) != typeid(GZLOFNone) && typeid(of) != typeid(GZLOFValue);
+    fbOffsetFilled = typeid(of) != typeid(GZLOFNone);
+    fbSubpopulationActive = typeid(bi) != typeid(GZLBIStrategy);
+  }
   if (fResponseType == TQConst::DependentEventsTrials) {
     fEventsCount.Setup(settings.GetDependent(), settings.GetTrials(), -1);
     fTrialsVar = settings.GetTrials();
@@ -74,11 +88,12 @@ int GZLDesignMatrix::GetMaxVariableIndex() const {
 TQStatus GZLDesignMatrix::ValidateRecord(TQStatus& status, const Record& record, bool skipWeights) {
   status = TQStatus();
   if (!skipWeights) {
-    if (!fStrategies.fpResponse->IsValid(record) || !fStrategies.fpFreqWeight->IsValid(record) ||
-        !fStrategies.fpScaleWeight->IsValid(record))
+    if (!fStrategies.fpResponse->IsValid(record) || (fbFreqWeightVar && !fStrategies.fpFreqWeight->IsValid(record)) ||
+        (fbScaleWeightVar && !fStrategies.fpScaleWeight->IsValid(record)))
       return status = InvalidRecord();
   }
-  if (!fStrategies.fpOffset->IsValid(record) || !fStrategies.fpSubpopulation->IsValid(record))
+  if ((fbOffsetTested && !fStrategies.fpOffset->IsValid(record)) ||
+      (fbSubpopulationActive && !fStrategies.fpSubpopulation->IsValid(record)))
     return status = InvalidRecord();
   const std::vector<int>& factors = *fpFactors;
   const std::vector<int>& sizes = *fpFactorSizes;
@@ -253,14 +268,14 @@ void GZLDesignMatrix::BuildRow(TQStatus& status, const Record& record, GZLDesign
   for (auto& effect : fEffects)
     if (!effect->WriteColumns(record, row.fValues)) row.fbInvalid = true;
   fStrategies.fpResponse->Fill(record, row);
-  fStrategies.fpOffset->Fill(record, row);
+  if (fbOffsetFilled) fStrategies.fpOffset->Fill(record, row);
   if (fbResponseCentring && fResponseCentre != 0.0) {
     if (!TQMV::IsMissing(row.fResponse)) row.fResponse -= fResponseCentre;
     row.fOffset -= fResponseCentre;
   }
-  fStrategies.fpFreqWeight->Fill(record, row);
-  fStrategies.fpScaleWeight->Fill(record, row);
-  fStrategies.fpSubpopulation->PrepareRow(record, row);
+  if (fbFreqWeightVar) fStrategies.fpFreqWeight->Fill(record, row);
+  if (fbScaleWeightVar) fStrategies.fpScaleWeight->Fill(record, row);
+  if (fbSubpopulationActive) fStrategies.fpSubpopulation->PrepareRow(record, row);
 }
 
 bool GZLDesignMatrix::RestartPass() {

@@ -180,4 +180,11 @@ class GZLDesignMatrix {
   TQRectMatrix fBackTransform;
   TQRectMatrix fForwardTransform;
   int fNRejectedInPass = 0;
+  // Which strategies do anything per record, decided once from the strategies chosen: the
+  // per-record path skips the virtual calls of those that neither test nor fill.
+  bool fbFreqWeightVar = false;
+  bool fbScaleWeightVar = false;
+  bool fbOffsetTested = false;
+  bool fbOffsetFilled = false;
+  bool fbSubpopulationActive = false;
 };

@@ -79,10 +79,15 @@ double GZLDesignMatrixEffect::CovariateProduct(const Record& record) const noexc
   for (std::size_t i = 0; i < fCovariates.size(); ++i) {
     const double x = Read(record, fCovariates[i]);
     if (TQMV::IsMissing(x)) return TQMV::Missing;
-    double power;
-    if (!TQPower::Power(x, static_cast<double>(fCovMultiplicities[i]), power)) return TQMV::Missing;
-    product = TQPower::Multiply(product, power);
-    if (TQMV::IsMissing(product)) return TQMV::Missing;
+    double power = x;
+    // Multiplicity 1 (nearly every covariate) skips the power: x itself, with the power's
+    // refusal of an infinite x left to the finiteness test of the product below.
+    if (fCovMultiplicities[i] != 1 &&
+        (!TQPower::Power(x, static_cast<double>(fCovMultiplicities[i]), power) || TQMV::IsMissing(power)))
+      return TQMV::Missing;
+    // The overflow-safe product, inline: product is finite and not missing here.
+    product *= power;
+    if (!std::isfinite(product) || TQMV::IsMissing(product)) return TQMV::Missing;
   }
   return product;
 }

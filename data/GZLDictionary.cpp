@@ -11,6 +11,7 @@ void GZLDictionary::Setup(const std::vector<int>& levels) {
   fAppearance.clear();
   fColumnKeys.clear();
   fbFinalized = false;
+  ClearTable();
   const int n = static_cast<int>(levels.size());
   fNLevels = n == 0 ? 0 : *std::max_element(levels.begin(), levels.end()) + 1;
   fSortingOrder.resize(static_cast<std::size_t>(n));
@@ -30,6 +31,9 @@ int GZLDictionary::Add(const std::vector<int>& key) {
   if (it != fMap.end()) return it->second;
   const int index = static_cast<int>(fAppearance.size());
   fMap.emplace(key, index);
+  // A new key after Finalize would be missing from the table: back to the tree until the next
+  // Finalize.
+  ClearTable();
   fAppearance.push_back(key);
   return index;
 }
@@ -49,10 +53,52 @@ std::vector<int> GZLDictionary::Finalize() {
     for (std::size_t i = 0; i < fAppearance.size(); ++i) columnOfAppearance[i] = fMap.find(fAppearance[i])->second;
   }
   fbFinalized = true;
+  BuildTable();
   return columnOfAppearance;
 }
 
-int GZLDictionary::Lookup(const std::vector<int>& key) const {
+void GZLDictionary::ClearTable() noexcept {
+  fTable.clear();
+  fTableMin.clear();
+  fTableRadix.clear();
+}
+
+void GZLDictionary::BuildTable() {
+  ClearTable();
+  if (fMap.empty()) return;
+  const std::size_t n = fMap.begin()->first.size();
+  // An effect without factors has one empty key: its column is known without a lookup.
+  if (n == 0) return;
+  std::vector<std::int64_t> lo(n), hi(n);
+  bool first = true;
+  for (const auto& [key, column] : fMap) {
+    if (key.size() != n) return;  // keys of unequal length: keep the tree
+    for (std::size_t k = 0; k < n; ++k) {
+      const std::int64_t v = key[k];
+      if (first || v < lo[k]) lo[k] = v;
+      if (first || v > hi[k]) hi[k] = v;
+    }
+    first = false;
+  }
+  std::vector<std::int64_t> radix(n);
+  std::int64_t size = 1;
+  for (std::size_t k = 0; k < n; ++k) {
+    radix[k] = hi[k] - lo[k] + 1;
+    if (radix[k] > kMaxTableSize || size > kMaxTableSize / radix[k]) return;
+    size *= radix[k];
+  }
+  std::vector<int> table(static_cast<std::size_t>(size), -1);
+  for (const auto& [key, column] : fMap) {
+    std::int64_t index = 0;
+    for (std::size_t k = 0; k < n; ++k) index = index * radix[k] + (key[k] - lo[k]);
+    table[static_cast<std::size_t>(index)] = column;
+  }
+  fTableMin = std::move(lo);
+  fTableRadix = std::move(radix);
+  fTable = std::move(table);
+}
+
+int GZLDictionary::MapLookup(const std::vector<int>& key) const {
   const auto it = fMap.find(key);
   return it == fMap.end() ? -1 : it->second;
 }

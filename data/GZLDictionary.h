@@ -3,6 +3,12 @@
 // and which column each gets. Keys are stored with the effect's factors reordered by nesting
 // level (innermost level 0 first, equal levels in model order); after the dictionary pass the
 // observed keys are ranked in ascending lexicographic order and the rank is the column.
+//
+// Row building looks a key up once per record: after Finalize the columns are also laid out in
+// a flat table indexed by the key's mixed-radix position within the box spanned by the observed
+// keys (when that box is small enough), so that a lookup costs a few multiplications instead of
+// a tree search over vectors.
+#include <cstdint>
 #include <map>
 #include <vector>
 
@@ -26,7 +32,9 @@ class GZLDictionary {
   std::vector<int> Finalize();
   bool IsFinalized() const noexcept { return fbFinalized; }
   // Column of the key, or -1 when it was never seen (before Finalize: first-appearance index).
-  int Lookup(const std::vector<int>& key) const;
+  int Lookup(const std::vector<int>& key) const {
+    return fTable.empty() ? MapLookup(key) : TableLookup(key);
+  }
   int GetSize() const noexcept { return static_cast<int>(fMap.size()); }
   // Keys in column order (valid after Finalize).
   const std::vector<std::vector<int>>& GetColumnKeys() const noexcept { return fColumnKeys; }
@@ -35,7 +43,29 @@ class GZLDictionary {
 
   void Display() const;
 
+  // Largest flat table built by Finalize (entries); a larger box keeps the tree lookup.
+  static constexpr std::int64_t kMaxTableSize = std::int64_t{1} << 20;
+  // Whether lookups currently go through the flat table.
+  bool HasTable() const noexcept { return !fTable.empty(); }
+
  private:
+  int MapLookup(const std::vector<int>& key) const;
+  int TableLookup(const std::vector<int>& key) const noexcept {
+    const std::size_t n = fTableMin.size();
+    if (key.size() != n) return -1;
+    std::int64_t index = 0;
+    for (std::size_t k = 0; k < n; ++k) {
+      // Outside the observed range of a position: a key that was never seen.
+      const std::int64_t offset = static_cast<std::int64_t>(key[k]) - fTableMin[k];
+      if (offset < 0 || offset >= fTableRadix[k]) return -1;
+      index = index * fTableRadix[k] + offset;
+    }
+    return fTable[static_cast<std::size_t>(index)];
+  }
+  void BuildTable();
+  void ClearTable() noexcept;
+
+
   std::map<std::vector<int>, int> fMap;
   std::vector<std::vector<int>> fAppearance;
   std::vector<std::vector<int>> fColumnKeys;
@@ -43,4 +73,9 @@ class GZLDictionary {
   std::vector<int> fSortingOrder;
   std::vector<int> fOriginalOrder;
   bool fbFinalized = false;
+  // Flat lookup (empty when not built): per key position the smallest observed value and the
+  // number of values up to the largest; entries hold the column or -1.
+  std::vector<std::int64_t> fTableMin;
+  std::vector<std::int64_t> fTableRadix;
+  std::vector<int> fTable;
 };

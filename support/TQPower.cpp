@@ -23,6 +23,22 @@ bool Power(double x, double y, double& result) {
   if (TQMV::IsMissingOrInfinite(x) || TQMV::IsMissingOrInfinite(y)) return false;
   if (x < 0.0 && !IsIntegral(y)) return false;  // no real root
   if (x == 0.0 && y < 0.0) return false;        // pole
+  // Exponents 0, 1 and 2 are the common ones (covariate products of design rows) and need no
+  // call of pow: 1, x and the correctly rounded x*x are exactly what pow returns for them.
+  if (y == 1.0) {
+    result = x;
+    return true;
+  }
+  if (y == 2.0) {
+    const double sq = x * x;
+    if (!std::isfinite(sq)) return false;  // overflow
+    result = sq;
+    return true;
+  }
+  if (y == 0.0) {
+    result = 1.0;
+    return true;
+  }
   const double r = std::pow(x, y);
   if (!std::isfinite(r)) return false;          // overflow
   result = r;
