@@ -62,6 +62,13 @@ int GZLDesignMatrixEffect::Finalize(int start) {
       if (columnOf[i] >= 0 && columnOf[i] < fNColumns) byColumn[static_cast<std::size_t>(columnOf[i])] = fColumnStats[i];
     fColumnStats = std::move(byColumn);
   }
+  fRowKind = RowKind::General;
+  if (!fbScaled) {
+    if (fNFactors == 0 && fCovariates.size() == 1 && fCovMultiplicities.size() == 1 && fCovMultiplicities[0] == 1)
+      fRowKind = RowKind::SingleCovariate;
+    else if (fNFactors > 0 && fCovariates.empty())
+      fRowKind = RowKind::FactorsOnly;
+  }
   return fNColumns;
 }
 
@@ -93,6 +100,23 @@ double GZLDesignMatrixEffect::CovariateProduct(const Record& record) const noexc
 }
 
 bool GZLDesignMatrixEffect::WriteColumns(const Record& record, std::vector<double>& values) noexcept {
+  // The same results as the general path below, without its loops.
+  if (fRowKind == RowKind::SingleCovariate) {
+    // Column fStart; the product 1.0 * x is x, missing when x is missing or infinite.
+    const double x = Read(record, fCovariates[0]);
+    if (TQMV::IsMissing(x) || !std::isfinite(x)) return false;
+    const std::size_t col = static_cast<std::size_t>(fStart);
+    if (fStart < 0 || col >= values.size()) return false;
+    values[col] = x;
+    return true;
+  }
+  if (fRowKind == RowKind::FactorsOnly) {
+    // No covariates: the product is 1.0.
+    const int column = LookupColumn(record);
+    if (column < 0 || static_cast<std::size_t>(column) >= values.size()) return false;
+    values[static_cast<std::size_t>(column)] = 1.0;
+    return true;
+  }
   const int column = LookupColumn(record);
   if (column < 0) return false;
   const double product = CovariateProduct(record);

@@ -77,4 +77,9 @@ class GZLDesignMatrixEffect {
   // Factor field indices in key order, and the reused key buffer of the row lookups.
   std::vector<int> fKeyFactors;
   std::vector<int> fKey;
+  // The shape of the effect, fixed by Finalize, that picks the row writer: most effects are a
+  // single covariate to the first power or factors alone, which need neither the product loop
+  // nor (for the covariate) a lookup.
+  enum class RowKind { General, SingleCovariate, FactorsOnly };
+  RowKind fRowKind = RowKind::General;
 };

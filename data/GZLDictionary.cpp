@@ -11,6 +11,7 @@ void GZLDictionary::Setup(const std::vector<int>& levels) {
   fAppearance.clear();
   fColumnKeys.clear();
   fbFinalized = false;
+  fbLastAddedValid = false;
   ClearTable();
   const int n = static_cast<int>(levels.size());
   fNLevels = n == 0 ? 0 : *std::max_element(levels.begin(), levels.end()) + 1;
@@ -27,9 +28,13 @@ void GZLDictionary::Setup(const std::vector<int>& levels) {
 }
 
 int GZLDictionary::Add(const std::vector<int>& key) {
+  if (fbLastAddedValid && fLastKey == key) return fLastValue;
   const auto it = fMap.find(key);
-  if (it != fMap.end()) return it->second;
+  fLastKey = key;  // same length every time: the storage is reused
+  fbLastAddedValid = true;
+  if (it != fMap.end()) return fLastValue = it->second;
   const int index = static_cast<int>(fAppearance.size());
+  fLastValue = index;
   fMap.emplace(key, index);
   // A new key after Finalize would be missing from the table: back to the tree until the next
   // Finalize.
@@ -53,6 +58,7 @@ std::vector<int> GZLDictionary::Finalize() {
     for (std::size_t i = 0; i < fAppearance.size(); ++i) columnOfAppearance[i] = fMap.find(fAppearance[i])->second;
   }
   fbFinalized = true;
+  fbLastAddedValid = false;  // the values are columns now
   BuildTable();
   return columnOfAppearance;
 }

@@ -73,6 +73,11 @@ class GZLDictionary {
   std::vector<int> fSortingOrder;
   std::vector<int> fOriginalOrder;
   bool fbFinalized = false;
+  // The entry of the previous Add: consecutive records often repeat a combination (always so
+  // for an effect without factors), and then the tree is not searched.
+  std::vector<int> fLastKey;
+  int fLastValue = -1;
+  bool fbLastAddedValid = false;
   // Flat lookup (empty when not built): per key position the smallest observed value and the
   // number of values up to the largest; entries hold the column or -1.
   std::vector<std::int64_t> fTableMin;
