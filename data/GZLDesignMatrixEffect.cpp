@@ -45,7 +45,9 @@ void GZLDesignMatrixEffect::AddDictionaryRecord(const Record& record, double fre
   // The dictionary pass truncates factor values without the 0.5 of the row lookup: both agree
   // on integer codes only (0.7 is entered as 0 but looked up as 1; kept on purpose).
   for (std::size_t k = 0; k < fKeyFactors.size(); ++k) fKey[k] = static_cast<int>(Read(record, fKeyFactors[k]));
-  const int index = fDictionary.Add(fKey);
+  // Without factors the empty key is the only one: once entered it is entry 0 (first
+  // appearance and column alike), and the dictionary need not be asked again.
+  const int index = (fNFactors == 0 && fDictionary.GetSize() == 1) ? 0 : fDictionary.Add(fKey);
   if (!fbScaled) return;
   if (static_cast<std::size_t>(index) >= fColumnStats.size()) fColumnStats.resize(static_cast<std::size_t>(index) + 1, DataStat(0));
   fColumnStats[static_cast<std::size_t>(index)].Update(CovariateProduct(record), freqWeight);
