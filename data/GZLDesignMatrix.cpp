@@ -202,6 +202,15 @@ void GZLDesignMatrix::AssignColumns() {
   fNParams = ordinal ? column + (fNResponseCategs - 1) : column;
   fNParamsNominal = fDistType == TQConst::DistNominalMultinomial ? (fNResponseCategs - 1) * fNParams : 0;
   fRow.Reset(static_cast<std::size_t>(fRowSize));
+  fDirectColumns.clear();
+  fWrittenEffects.clear();
+  for (auto& effect : fEffects) {
+    if (effect->IsPlainCovariate() && effect->GetStart() >= 0 && effect->GetStart() < fRowSize)
+      fDirectColumns.push_back({effect->GetCovariates()[0], static_cast<std::size_t>(effect->GetStart())});
+    else
+      fWrittenEffects.push_back(effect.get());
+  }
+  fbRowPlan = true;
 }
 
 bool GZLDesignMatrix::BuildTransforms() {
@@ -265,8 +274,25 @@ void GZLDesignMatrix::BuildRow(TQStatus& status, const Record& record, GZLDesign
   ValidateRecord(status, record, skipWeights);
   if (!status.IsOK()) return;
   ResetRow(row);
-  for (auto& effect : fEffects)
-    if (!effect->WriteColumns(record, row.fValues)) row.fbInvalid = true;
+  if (fbRowPlan) {
+    // Each effect writes its own columns, so the order of the two groups does not matter.
+    double* values = row.fValues.data();
+    const std::size_t size = row.fValues.size();
+    for (const DirectColumn& d : fDirectColumns) {
+      // The covariate's product is the value itself; missing or infinite leaves the column
+      // unwritten and the row flagged.
+      const double x = Read(record, d.fField);
+      if (TQMV::IsMissing(x) || !std::isfinite(x) || d.fColumn >= size)
+        row.fbInvalid = true;
+      else
+        values[d.fColumn] = x;
+    }
+    for (GZLDesignMatrixEffect* effect : fWrittenEffects)
+      if (!effect->WriteColumns(record, row.fValues)) row.fbInvalid = true;
+  } else {
+    for (auto& effect : fEffects)
+      if (!effect->WriteColumns(record, row.fValues)) row.fbInvalid = true;
+  }
   fStrategies.fpResponse->Fill(record, row);
   if (fbOffsetFilled) fStrategies.fpOffset->Fill(record, row);
   if (fbResponseCentring && fResponseCentre != 0.0) {

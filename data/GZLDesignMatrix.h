@@ -187,4 +187,14 @@ class GZLDesignMatrix {
   bool fbOffsetTested = false;
   bool fbOffsetFilled = false;
   bool fbSubpopulationActive = false;
+  // The row plan made by the column assignment: plain covariate effects as (field, column)
+  // pairs written inline, every other effect through its own writer. Until then every effect
+  // goes through its writer.
+  struct DirectColumn {
+    int fField;
+    std::size_t fColumn;
+  };
+  std::vector<DirectColumn> fDirectColumns;
+  std::vector<GZLDesignMatrixEffect*> fWrittenEffects;
+  bool fbRowPlan = false;
 };

@@ -39,6 +39,10 @@ class GZLDesignMatrixEffect {
   // column or the product is missing (nothing written then).
   bool WriteColumns(const Record& record, std::vector<double>& values) noexcept;
 
+  // After Finalize: the effect is one covariate to the first power without factors (no scaled
+  // design), so its single column fStart takes the covariate's value as it is.
+  bool IsPlainCovariate() const noexcept { return fRowKind == RowKind::SingleCovariate; }
+
   const std::vector<int>& GetFactors() const noexcept { return fFactors; }
   const std::vector<int>& GetFactorLevels() const noexcept { return fFactorLevels; }
   int GetNFactors() const noexcept { return fNFactors; }
