@@ -10,10 +10,10 @@ namespace {
 constexpr double kEpsilon = 2.220446049250313e-16;
 }
 
-void DataStat::Update(double x, double w) noexcept {
+bool DataStat::Accumulate(double x, double w) noexcept {
   // A weight that is missing or not positive carries no observation (such records never pass
   // the validity tests; the guard keeps the divisions below finite).
-  if (fVarIndex < 0 || TQMV::IsMissing(x) || TQMV::IsMissing(w) || !(w > 0.0)) return;
+  if (fVarIndex < 0 || TQMV::IsMissing(x) || TQMV::IsMissing(w) || !(w > 0.0)) return false;
   const double oldWeight = fWeightedN;
   const double weight = oldWeight + w;
   fWeightedN = weight;
@@ -26,7 +26,11 @@ void DataStat::Update(double x, double w) noexcept {
   if (std::fabs(mean) < 2.0 * std::fabs(fMean) * kEpsilon) mean = 0.0;
   fMean = mean;
   fSumSqDev += (weight / w) * d * oldWeight * d;
-  if (weight > 1.0) fStdDev = std::sqrt(fSumSqDev / (weight - 1.0));
+  return true;
+}
+
+void DataStat::FinishStdDev() noexcept {
+  if (fWeightedN > 1.0) fStdDev = std::sqrt(fSumSqDev / (fWeightedN - 1.0));
 }
 
 void DataStat::Display() const {
@@ -59,29 +63,42 @@ void GZLDataStats::Update(const Record& record) noexcept {
   using GZLRecordAccess::Read;
   const double w = fFreqWeightVar >= 0 ? Read(record, fFreqWeightVar) : 1.0;
   if (TQMV::IsMissing(w)) return;
-  for (DataStat& s : fCovariateStats) s.Update(Read(record, s.fVarIndex), w);
-  fOffsetStat.Update(Read(record, fOffsetStat.fVarIndex), w);
-  fScaleWeightStat.Update(Read(record, fScaleWeightStat.fVarIndex), w);
+  fbPending = true;
+  for (DataStat& s : fCovariateStats) s.Accumulate(Read(record, s.fVarIndex), w);
+  fOffsetStat.Accumulate(Read(record, fOffsetStat.fVarIndex), w);
+  fScaleWeightStat.Accumulate(Read(record, fScaleWeightStat.fVarIndex), w);
   const double y = Read(record, fDependentStat.fVarIndex);
-  fDependentStat.Update(y, w);
+  fDependentStat.Accumulate(y, w);
   double wSum = w;
   if (fScaleWeightVar >= 0) {
     const double sw = Read(record, fScaleWeightVar);
     if (!TQMV::IsMissing(sw)) {
       const double w2 = w * sw;
-      fDependentW2Stat.Update(y, w2);
+      fDependentW2Stat.Accumulate(y, w2);
       wSum = w2;
     }
   }
   if (!TQMV::IsMissing(y)) fDependentSum += y * wSum;
 }
 
+void GZLDataStats::Finish() const noexcept {
+  if (!fbPending) return;
+  for (DataStat& s : fCovariateStats) s.FinishStdDev();
+  fOffsetStat.FinishStdDev();
+  fScaleWeightStat.FinishStdDev();
+  fDependentStat.FinishStdDev();
+  fDependentW2Stat.FinishStdDev();
+  fbPending = false;
+}
+
 DataStat GZLDataStats::GetStatOfNthCov(int n) const {
+  Finish();
   if (n < 0 || n >= static_cast<int>(fCovariateStats.size())) return DataStat(-1);
   return fCovariateStats[static_cast<std::size_t>(n)];
 }
 
 DataStat GZLDataStats::GetCovariateStat(int variable) const {
+  Finish();
   for (const DataStat& s : fCovariateStats)
     if (s.fVarIndex == variable && variable >= 0) return s;
   return DataStat(-1);
@@ -89,6 +106,7 @@ DataStat GZLDataStats::GetCovariateStat(int variable) const {
 
 void GZLDataStats::Display() const {
   using namespace TQDisplay_940;
+  Finish();
   DisplayText(1, "GZLDataStats display start");
   DisplayI("Number of covariate variables", fNCovariates);
   DisplayText(1, "Covariate data statistics");

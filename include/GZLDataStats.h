@@ -18,7 +18,13 @@ struct DataStat {
 
   // One observation x with weight w; skipped when the variable index is negative or x is
   // missing. Numerically stable running update of mean and squared deviations.
-  void Update(double x, double w) noexcept;
+  void Update(double x, double w) noexcept {
+    if (Accumulate(x, w)) FinishStdDev();
+  }
+  // Update without the standard deviation (false when nothing was added); FinishStdDev brings
+  // it up to date. Streaming callers defer the square root to the end of the pass.
+  bool Accumulate(double x, double w) noexcept;
+  void FinishStdDev() noexcept;
   void Display() const;
 
   int fVarIndex;
@@ -44,17 +50,32 @@ class GZLDataStats {
   // One record that passed the validity tests. A missing frequency weight changes nothing.
   void Update(const Record& record) noexcept;
 
-  const std::vector<DataStat>& GetCovariateStats() const noexcept { return fCovariateStats; }
+  const std::vector<DataStat>& GetCovariateStats() const noexcept {
+    Finish();
+    return fCovariateStats;
+  }
   // A copy of the n-th covariate's statistics, or a fresh statistic with index -1.
   DataStat GetStatOfNthCov(int n) const;
   // A copy of the statistics of that covariate variable, or a fresh statistic with index -1.
   DataStat GetCovariateStat(int variable) const;
-  const DataStat& GetOffsetStat() const noexcept { return fOffsetStat; }
+  const DataStat& GetOffsetStat() const noexcept {
+    Finish();
+    return fOffsetStat;
+  }
   // The scale weight's statistics.
-  const DataStat& GetWeightStat() const noexcept { return fScaleWeightStat; }
-  const DataStat& GetDependentStat() const noexcept { return fDependentStat; }
+  const DataStat& GetWeightStat() const noexcept {
+    Finish();
+    return fScaleWeightStat;
+  }
+  const DataStat& GetDependentStat() const noexcept {
+    Finish();
+    return fDependentStat;
+  }
   // The response weighted by frequency weight times scale weight (only with a scale weight).
-  const DataStat& GetDependentW2Stat() const noexcept { return fDependentW2Stat; }
+  const DataStat& GetDependentW2Stat() const noexcept {
+    Finish();
+    return fDependentW2Stat;
+  }
   // Sum of response times weight (frequency weight, times the scale weight when there is one).
   double GetDependentSS() const noexcept { return fDependentSum; }
   int GetNCovariates() const noexcept { return fNCovariates; }
@@ -62,11 +83,16 @@ class GZLDataStats {
   void Display() const;
 
  private:
-  std::vector<DataStat> fCovariateStats;
-  DataStat fOffsetStat;
-  DataStat fScaleWeightStat;
-  DataStat fDependentStat;
-  DataStat fDependentW2Stat;
+  // The standard deviations are derived from the sums when first read after records came in,
+  // not per record (a square root per variable per record is most of the pass's arithmetic).
+  void Finish() const noexcept;
+
+  mutable std::vector<DataStat> fCovariateStats;
+  mutable DataStat fOffsetStat;
+  mutable DataStat fScaleWeightStat;
+  mutable DataStat fDependentStat;
+  mutable DataStat fDependentW2Stat;
+  mutable bool fbPending = false;
   int fFreqWeightVar = -1;
   int fScaleWeightVar = -1;
   int fNCovariates = 0;
