@@ -26,6 +26,16 @@ class GZLGradientVector {
     fScaleDeriv += paramDeriv;
   }
 
+  // The same for a record split into its dense leading block lead[0 .. nLead-1] and further
+  // entries in sparse form (indices at least nLead).
+  void UpdateForRow(const double* __restrict lead, int nLead, const int* __restrict indices,
+                    const double* __restrict values, int count, double r, double paramDeriv) noexcept {
+    double* __restrict g = fGradient.data();
+    for (int b = 0; b < nLead; ++b) g[b] += r * lead[b];
+    for (int a = 0; a < count; ++a) g[indices[a]] += r * values[a];
+    fScaleDeriv += paramDeriv;
+  }
+
   // The P entries followed, when the extra entry is on, by the derivative in theta.
   void GetGradient(std::vector<double>& out) const;
   std::vector<double> GetGradient() const;

@@ -12,17 +12,16 @@ GZLHessianMatrix::GZLHessianMatrix(int nParams, IGZLLogLikeFunc* llForExtra, con
     : fNParams(std::max(nParams, 0)),
       fpLogLikeFunc(llForExtra),
       fHessian(fNParams),
+      fBatch(fNParams),
       fExtraRow(static_cast<std::size_t>(fNParams), 0.0),
       fpSettings(&settings),
       fbCanonical(settings.IsCanonicalLink()),
       fbNegBinDist(settings.GetDistType() == TQConst::DistNegBinomial),
       fbNegBinLink(fbNegBinDist && settings.GetLinkType() == TQConst::LinkNegBinomial),
       fK(settings.GetLinkParam()),
-      fbExtra(llForExtra != nullptr),
-      fRowStart(static_cast<std::size_t>(fNParams)) {
+      fbExtra(llForExtra != nullptr) {
   // Without a usable link parameter the distribution's k stands in until SetDistParam.
   if (TQMV::IsMissing(fK) && fbNegBinDist) fK = settings.GetDistParam();
-  for (int i = 0; i < fNParams; ++i) fRowStart[static_cast<std::size_t>(i)] = TQSymMatrix::Index(i, 0);
 }
 
 void GZLHessianMatrix::Reset(double phi, bool useExpected) {
@@ -32,6 +31,7 @@ void GZLHessianMatrix::Reset(double phi, bool useExpected) {
   std::fill(fExtraRow.begin(), fExtraRow.end(), 0.0);
   fCorner = 0.0;
   fHessian.Zero();
+  fBatch.Clear();
 }
 
 bool GZLHessianMatrix::UpdateForRow(const GZLDesignRow& row, const TQBitSet& inModel, double y, double mu, double V,
@@ -59,6 +59,7 @@ bool GZLHessianMatrix::UpdateForRow(const GZLDesignRow& row, const TQBitSet& inM
 }
 
 void GZLHessianMatrix::GetHessian(TQSymMatrix& out) const {
+  fBatch.Flush(fHessian.Data());
   if (!fbExtra) {
     out = fHessian;
     return;
@@ -74,6 +75,7 @@ void GZLHessianMatrix::Display() const {
   DisplayText(1, "GZLHessianMatrix display start");
   DisplayI("Number of parameters", fNParams);
   DisplayD("Phi (scale) parameter", fPhi);
+  fBatch.Flush(fHessian.Data());
   fHessian.Display("The Hessian matrix");
   DisplayDV("The extra row/column of Hessian corresponding to phi", fExtraRow, false);
   DisplayD("The corner element of the extra row/column", fCorner);

@@ -53,13 +53,30 @@ class GZLHessianMatrix {
   // the beta block grows by W x x', the extra row (when on) by c x and its corner by paramDeriv2.
   void UpdateForRow(const int* __restrict indices, const double* __restrict values, int count, double W, double c,
                     double paramDeriv2) noexcept {
-    if (!fbSkipBeta) GZLSparseRankOneUpdate(fHessian.Data(), fRowStart.data(), indices, values, count, W);
+    if (!fbSkipBeta) GZLSparseRankOneUpdate(fHessian.Data(), fBatch.RowStarts(), indices, values, count, W);
     if (fbExtra) {
       double* e = fExtraRow.data();
       for (int a = 0; a < count; ++a) e[indices[a]] += c * values[a];
       fCorner += paramDeriv2;
     }
   }
+
+  // One record split into its dense leading block lead[0 .. D-1] (D as set by SetDenseLead) and
+  // further entries in sparse form (indices increasing, all at least D); otherwise as above.
+  void UpdateForRow(const double* __restrict lead, const int* __restrict indices, const double* __restrict values,
+                    int count, double W, double c, double paramDeriv2) noexcept {
+    if (!fbSkipBeta) fBatch.Add(fHessian.Data(), lead, indices, values, count, W);
+    if (fbExtra) {
+      double* e = fExtraRow.data();
+      const int D = fBatch.GetDense();
+      for (int b = 0; b < D; ++b) e[b] += c * lead[b];
+      for (int a = 0; a < count; ++a) e[indices[a]] += c * values[a];
+      fCorner += paramDeriv2;
+    }
+  }
+  // The width of the dense leading block of the split records that follow.
+  void SetDenseLead(int dense) noexcept { fBatch.SetDense(fHessian.Data(), dense); }
+  int GetDenseLead() const noexcept { return fBatch.GetDense(); }
 
   // The same for a whole design row with the redundancy set (set bit = in the model), after the
   // validity conditions: false, with nothing added, unless V > 0, g' != 0 and phi > 0.
@@ -68,7 +85,10 @@ class GZLHessianMatrix {
 
   // The beta block alone without the extra parameter, else the (P+1)-row information.
   void GetHessian(TQSymMatrix& out) const;
-  const TQSymMatrix& GetBetaBlock() const noexcept { return fHessian; }
+  const TQSymMatrix& GetBetaBlock() const noexcept {
+    fBatch.Flush(fHessian.Data());
+    return fHessian;
+  }
   const std::vector<double>& GetExtraRow() const noexcept { return fExtraRow; }
   double GetCorner() const noexcept { return fCorner; }
   bool HasExtraParam() const noexcept { return fbExtra; }
@@ -81,7 +101,9 @@ class GZLHessianMatrix {
   int fNParams;
   double fPhi = 1.0;
   IGZLLogLikeFunc* fpLogLikeFunc;
-  TQSymMatrix fHessian;
+  // The beta block and the split records not yet added to it; reading the block adds them.
+  mutable TQSymMatrix fHessian;
+  mutable GZLBatchedRankOne fBatch;
   std::vector<double> fExtraRow;
   double fCorner = 0.0;
   const GZLSettings* fpSettings;
@@ -95,5 +117,4 @@ class GZLHessianMatrix {
   // link not canonical).
   bool fbExtra;
   bool fbObserved = false;
-  std::vector<std::size_t> fRowStart;
 };

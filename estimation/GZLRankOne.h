@@ -1,7 +1,8 @@
 #pragma once
-// The rank-one update of a packed symmetric matrix by one sparse record, the dominant cost of an
-// estimation pass.
+// Rank-one updates of a packed symmetric matrix by records, the dominant cost of an estimation
+// pass.
 #include <cstddef>
+#include <vector>
 
 // packed += W v v' over the listed entries: indices increasing, values the non-zero entries,
 // rowStart[i] the offset of row i in the packed lower triangle. The leading indices 0, 1, 2, ...
@@ -25,3 +26,73 @@ inline void GZLSparseRankOneUpdate(double* __restrict packed, const std::size_t*
     for (int b = d; b <= a; ++b) row[indices[b]] += xa * values[b];
   }
 }
+
+// The same sum of rank-one updates for records split into a dense leading block (entries
+// 0 .. D-1, zeros included: the intercept and covariates) and sparse further entries (factor
+// levels). The leading blocks are collected in batches of kBatch records, and each entry of the
+// leading triangle then receives one dot product over the batch instead of kBatch scalar
+// updates of short rows; the further entries are added at once.
+//
+// Pending records must be flushed (Flush) before the matrix is read. Buffers are sized once, so
+// that adding a record never allocates.
+class GZLBatchedRankOne {
+ public:
+  static constexpr int kBatch = 64;
+  // The largest leading block taken in batches; a longer one is cut there, its rest scattered.
+  static constexpr int kMaxDense = 128;
+
+  GZLBatchedRankOne() = default;
+  // A packed matrix of order n.
+  explicit GZLBatchedRankOne(int n) { Resize(n); }
+  void Resize(int n);
+
+  // The width D of the leading block of the records that follow; pending records are flushed
+  // first when it changes.
+  void SetDense(double* packed, int dense) noexcept {
+    const int d = dense < 0 ? 0 : (dense > fMaxDense ? fMaxDense : dense);
+    if (d == fDense) return;
+    Flush(packed);
+    fDense = d;
+  }
+  int GetDense() const noexcept { return fDense; }
+  // Forgets the pending records (a new pass starts on a zeroed matrix).
+  void Clear() noexcept { fPending = 0; }
+
+  // packed += W v v' for the record v with leading block lead[0 .. D-1] and further entries
+  // (indices increasing, all at least D).
+  void Add(double* __restrict packed, const double* __restrict lead, const int* __restrict indices,
+           const double* __restrict values, int count, double W) noexcept {
+    const int D = fDense;
+    if (D > 0) {
+      double* __restrict x = fX.data() + fPending;
+      double* __restrict wx = fWX.data() + fPending;
+      for (int b = 0; b < D; ++b) {
+        x[static_cast<std::size_t>(b) * kBatch] = lead[b];
+        wx[static_cast<std::size_t>(b) * kBatch] = W * lead[b];
+      }
+      if (++fPending == kBatch) Flush(packed);
+    }
+    for (int a = 0; a < count; ++a) {
+      const double xa = W * values[a];
+      double* __restrict row = packed + fRowStart[static_cast<std::size_t>(indices[a])];
+      for (int b = 0; b < D; ++b) row[b] += xa * lead[b];
+      for (int b = 0; b <= a; ++b) row[indices[b]] += xa * values[b];
+    }
+  }
+
+  // Offsets of the rows in the packed triangle.
+  const std::size_t* RowStarts() const noexcept { return fRowStart.data(); }
+
+  // Adds the pending records' leading blocks to the matrix.
+  void Flush(double* packed) noexcept;
+
+ private:
+  int fN = 0;
+  int fMaxDense = 0;
+  int fDense = 0;
+  int fPending = 0;
+  std::vector<std::size_t> fRowStart;
+  // Column-major batches: fX[b * kBatch + k] is entry b of pending record k, fWX the same times W.
+  std::vector<double> fX;
+  std::vector<double> fWX;
+};

@@ -118,7 +118,7 @@ GZLStatFactory::GZLStatFactory(IGZLRowSource& source, const GZLSettings& setting
     fStatus = TQStatus::Error(GZLStatusCode::InternalError);
   fRowIndices.assign(static_cast<std::size_t>(fNParams), 0);
   fRowValues.assign(static_cast<std::size_t>(fNParams), 0.0);
-  fInitRedunInfo.GetSetIndices(fModelIndices);
+  SetModelIndices();
 
   // The compiled record steps, used only when the objects are of the expected classes.
   auto is = [](auto* p, auto* typed) { return p != nullptr && typed != nullptr; };
@@ -154,7 +154,16 @@ void GZLStatFactory::ResetSeparationStats() noexcept {
 void GZLStatFactory::SetRedundancy(const TQBitSet& inModel) {
   fInitRedunInfo = inModel;
   fInitRedunInfo.Resize(fNParams, false);
+  SetModelIndices();
+}
+
+void GZLStatFactory::SetModelIndices() {
   fInitRedunInfo.GetSetIndices(fModelIndices);
+  fLeadCount = 0;
+  while (fLeadCount < static_cast<int>(fModelIndices.size()) &&
+         fModelIndices[static_cast<std::size_t>(fLeadCount)] == fLeadCount)
+    ++fLeadCount;
+  fPassLead = -1;
 }
 
 bool GZLStatFactory::SetDistParam(double k) {
@@ -176,6 +185,7 @@ void GZLStatFactory::ResetAccumulators(double phi, bool useExpected) {
   if (fpLogLikeFunc) fpLogLikeFunc->Reset(phi);
   fpGradientFunc->Reset(phi);
   fpHessianFunc->Reset(phi, useExpected);
+  fPassLead = -1;
 }
 
 template <class Link, class Var, class LL>
@@ -214,12 +224,23 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
         if (TQMV::IsMissing(pd) || TQMV::IsMissing(pd2)) valid = false;
       }
       if (valid) {
-        // The record in sparse form: parameters in the model with a non-zero design value.
+        // The record as its dense leading block x[0 .. lead-1] (intercept and covariates: in the
+        // model and seldom zero) and the further parameters in the model with a non-zero design
+        // value. The block's width is that of the pass's first such record.
+        if (fPassLead < 0) {
+          fPassLead = 0;
+          while (fPassLead < fLeadCount && x[fPassLead] != 0.0) ++fPassLead;
+          fpHessianFunc->SetDenseLead(fPassLead);
+        }
+        const int lead = fPassLead;
         int* idx = fRowIndices.data();
         double* val = fRowValues.data();
         int m = 0;
+        const int nModel = static_cast<int>(fModelIndices.size());
+        const int* modelIndex = fModelIndices.data();
         // Branch-free: which factor level is set changes from record to record.
-        for (const int j : fModelIndices) {
+        for (int k = lead; k < nModel; ++k) {
+          const int j = modelIndex[k];
           const double xj = x[j];
           idx[m] = j;
           val[m] = xj;
@@ -227,10 +248,10 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
         }
         const double w = f * s;
         const double r = w * (y - mu) / (g1 * V * fPhi);
-        fpGradientFunc->UpdateForRow(idx, val, m, r, pd);
+        fpGradientFunc->UpdateForRow(x, lead, idx, val, m, r, pd);
         const double W = fpHessianFunc->RecordWeight(w, y, mu, V, Vd, g1, g2);
         const double c = extra ? fpHessianFunc->ExtraRowFactor(w, y, mu, V, g1) : 0.0;
-        fpHessianFunc->UpdateForRow(idx, val, m, W, c, pd2);
+        fpHessianFunc->UpdateForRow(x, idx, val, m, W, c, pd2);
       }
     } else {
       valid = false;
@@ -355,6 +376,7 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
     fpGradientFunc->Reset(phi);
     fpHessianFunc->Reset(phi, useExpected);
   }
+  fPassLead = -1;
   if (!fpSource->RestartPass()) {
     status = TQStatus::Error(GZLStatusCode::NewPass);
     return;

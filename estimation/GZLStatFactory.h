@@ -129,6 +129,8 @@ class GZLStatFactory {
   void Display() const;
 
  private:
+  // The in-model indices and the length of their leading run 0, 1, 2, ...
+  void SetModelIndices();
   struct PassCounts {
     int valid = 0;
     int invalid = 0;
@@ -192,6 +194,9 @@ class GZLStatFactory {
   bool fbConstantBad = false;
   // In-model parameter indices and the per-record sparse row (sized once).
   std::vector<int> fModelIndices;
+  int fLeadCount = 0;
+  // The width of the dense leading block of the records of this pass (-1 before the first).
+  int fPassLead = -1;
   std::vector<int> fRowIndices;
   std::vector<double> fRowValues;
 };
