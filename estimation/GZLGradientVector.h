@@ -3,6 +3,7 @@
 // regression parameters and, when the scale or the negative binomial k is estimated by maximum
 // likelihood (a log-likelihood function is attached for it), the derivative in theta = log(phi)
 // or log(k).
+#include <algorithm>
 #include <vector>
 
 class GZLSettings;
@@ -34,6 +35,13 @@ class GZLGradientVector {
     for (int b = 0; b < nLead; ++b) g[b] += r * lead[b];
     for (int a = 0; a < count; ++a) g[indices[a]] += r * values[a];
     fScaleDeriv += paramDeriv;
+  }
+
+  // Adds the entries another accumulator of the same model gathered over other records.
+  void Merge(const GZLGradientVector& other) noexcept {
+    const std::size_t n = std::min(fGradient.size(), other.fGradient.size());
+    for (std::size_t j = 0; j < n; ++j) fGradient[j] += other.fGradient[j];
+    fScaleDeriv += other.fScaleDeriv;
   }
 
   // The P entries followed, when the extra entry is on, by the derivative in theta.

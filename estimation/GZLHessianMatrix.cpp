@@ -58,6 +58,18 @@ bool GZLHessianMatrix::UpdateForRow(const GZLDesignRow& row, const TQBitSet& inM
   return true;
 }
 
+void GZLHessianMatrix::Merge(const GZLHessianMatrix& other) noexcept {
+  fBatch.Flush(fHessian.Data());
+  other.fBatch.Flush(other.fHessian.Data());
+  const std::size_t n = std::min(fHessian.PackedSize(), other.fHessian.PackedSize());
+  double* to = fHessian.Data();
+  const double* from = other.fHessian.Data();
+  for (std::size_t i = 0; i < n; ++i) to[i] += from[i];
+  const std::size_t m = std::min(fExtraRow.size(), other.fExtraRow.size());
+  for (std::size_t j = 0; j < m; ++j) fExtraRow[j] += other.fExtraRow[j];
+  fCorner += other.fCorner;
+}
+
 void GZLHessianMatrix::GetHessian(TQSymMatrix& out) const {
   fBatch.Flush(fHessian.Data());
   if (!fbExtra) {

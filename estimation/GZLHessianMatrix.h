@@ -83,6 +83,9 @@ class GZLHessianMatrix {
   bool UpdateForRow(const GZLDesignRow& row, const TQBitSet& inModel, double y, double mu, double V, double Vd,
                     double g1, double g2, double paramDeriv2);
 
+  // Adds what another accumulator of the same model gathered over other records.
+  void Merge(const GZLHessianMatrix& other) noexcept;
+
   // The beta block alone without the extra parameter, else the (P+1)-row information.
   void GetHessian(TQSymMatrix& out) const;
   const TQSymMatrix& GetBetaBlock() const noexcept {

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cfloat>
+#include <thread>
 #include <type_traits>
 
 #include "GZLConst_940.h"
 #include "GZLProgress.h"
 #include "data/GZLDesignRow.h"
+#include "estimation/GZLPassWorker.h"
 #include "estimation/GZLRankOne.h"
+#include "estimation/GZLRowPipeline.h"
 #include "estimation/IGZLRowSource.h"
 #include "families/GZLLogLikeFunc.h"
 #include "families/GZLVarianceFunctions.h"
@@ -116,9 +119,12 @@ GZLStatFactory::GZLStatFactory(IGZLRowSource& source, const GZLSettings& setting
   fpHessianFunc = std::make_unique<GZLHessianMatrix>(fNParams, extraLL, settings);
   if (fStatus.IsOK() && (!fpLinkFunc || !fpLogLikeFunc || (!fbMultinomial && !fpVarianceFunc)))
     fStatus = TQStatus::Error(GZLStatusCode::InternalError);
-  fRowIndices.assign(static_cast<std::size_t>(fNParams), 0);
-  fRowValues.assign(static_cast<std::size_t>(fNParams), 0.0);
+  fMain.indices.assign(static_cast<std::size_t>(fNParams), 0);
+  fMain.values.assign(static_cast<std::size_t>(fNParams), 0.0);
+  fMain.gradient = fpGradientFunc.get();
+  fMain.hessian = fpHessianFunc.get();
   SetModelIndices();
+  fHardwareThreads = std::thread::hardware_concurrency();
 
   // The compiled record steps, used only when the objects are of the expected classes.
   auto is = [](auto* p, auto* typed) { return p != nullptr && typed != nullptr; };
@@ -146,9 +152,35 @@ GZLStatFactory::GZLStatFactory(IGZLRowSource& source, const GZLSettings& setting
 GZLStatFactory::~GZLStatFactory() = default;
 
 void GZLStatFactory::ResetSeparationStats() noexcept {
-  fMinP = DBL_MAX;
-  fMaxP = -DBL_MAX;
-  fMinPi = DBL_MAX;
+  fMain.minP = DBL_MAX;
+  fMain.maxP = -DBL_MAX;
+  fMain.minPi = DBL_MAX;
+}
+
+void GZLStatFactory::PassShare::Clear() noexcept {
+  kernelSum.Clear();
+  constantSum.Clear();
+  kernelBad = constantBad = false;
+  minP = DBL_MAX;
+  maxP = -DBL_MAX;
+  minPi = DBL_MAX;
+  counts = PassCounts();
+  lead = -1;
+}
+
+void GZLStatFactory::PassShare::Merge(const PassShare& other) noexcept {
+  kernelSum.Merge(other.kernelSum);
+  constantSum.Merge(other.constantSum);
+  kernelBad = kernelBad || other.kernelBad;
+  constantBad = constantBad || other.constantBad;
+  minP = std::min(minP, other.minP);
+  maxP = std::max(maxP, other.maxP);
+  minPi = std::min(minPi, other.minPi);
+  counts.valid += other.counts.valid;
+  counts.invalid += other.counts.invalid;
+  counts.flagged += other.counts.flagged;
+  counts.sumMu += other.counts.sumMu;
+  counts.cancelled = counts.cancelled || other.counts.cancelled;
 }
 
 void GZLStatFactory::SetRedundancy(const TQBitSet& inModel) {
@@ -163,7 +195,7 @@ void GZLStatFactory::SetModelIndices() {
   while (fLeadCount < static_cast<int>(fModelIndices.size()) &&
          fModelIndices[static_cast<std::size_t>(fLeadCount)] == fLeadCount)
     ++fLeadCount;
-  fPassLead = -1;
+  fMain.lead = -1;
 }
 
 bool GZLStatFactory::SetDistParam(double k) {
@@ -178,19 +210,15 @@ bool GZLStatFactory::SetDistParam(double k) {
 
 void GZLStatFactory::ResetAccumulators(double phi, bool useExpected) {
   fPhi = phi;
-  fKernelSum.Clear();
-  fConstantSum.Clear();
-  fbKernelBad = fbConstantBad = false;
-  ResetSeparationStats();
+  fMain.Clear();
   if (fpLogLikeFunc) fpLogLikeFunc->Reset(phi);
   fpGradientFunc->Reset(phi);
   fpHessianFunc->Reset(phi, useExpected);
-  fPassLead = -1;
 }
 
-template <class Link, class Var, class LL>
-inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bool llOnly, bool extra,
-                                 const Link* link, Var* var, LL* ll, double& muOut) {
+template <class Link, class Var, class LL, class Row>
+inline bool GZLStatFactory::Step(const Row& row, const double* beta, bool llOnly, bool extra, const Link* link,
+                                 Var* var, LL* ll, double& muOut, PassShare& share) {
   const double* x = row.fValues.data();
   const double eta = LinearPredictor(x, beta, fNParams, row.fOffset);
   const double mu = LinkMu(link, eta);
@@ -207,8 +235,8 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
   ll->ClearSums();
   const double term = Kernel(ll, y, mu, f, s);
   bool valid = !TQMV::IsMissing(term);
-  if (valid) fKernelSum.Add(term);
-  if (valid && TQMV::IsMissingOrInfinite(term)) fbKernelBad = true;
+  if (valid) share.kernelSum.Add(term);
+  if (valid && TQMV::IsMissingOrInfinite(term)) share.kernelBad = true;
   if (valid && !llOnly) {
     const double V = Variance(var, mu);
     const double Vd = VarianceDeriv(var, mu);
@@ -227,14 +255,15 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
         // The record as its dense leading block x[0 .. lead-1] (intercept and covariates: in the
         // model and seldom zero) and the further parameters in the model with a non-zero design
         // value. The block's width is that of the pass's first such record.
-        if (fPassLead < 0) {
-          fPassLead = 0;
-          while (fPassLead < fLeadCount && x[fPassLead] != 0.0) ++fPassLead;
-          fpHessianFunc->SetDenseLead(fPassLead);
+        GZLHessianMatrix& hessian = *share.hessian;
+        if (share.lead < 0) {
+          share.lead = 0;
+          while (share.lead < fLeadCount && x[share.lead] != 0.0) ++share.lead;
+          hessian.SetDenseLead(share.lead);
         }
-        const int lead = fPassLead;
-        int* idx = fRowIndices.data();
-        double* val = fRowValues.data();
+        const int lead = share.lead;
+        int* idx = share.indices.data();
+        double* val = share.values.data();
         int m = 0;
         const int nModel = static_cast<int>(fModelIndices.size());
         const int* modelIndex = fModelIndices.data();
@@ -248,10 +277,10 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
         }
         const double w = f * s;
         const double r = w * (y - mu) / (g1 * V * fPhi);
-        fpGradientFunc->UpdateForRow(x, lead, idx, val, m, r, pd);
-        const double W = fpHessianFunc->RecordWeight(w, y, mu, V, Vd, g1, g2);
-        const double c = extra ? fpHessianFunc->ExtraRowFactor(w, y, mu, V, g1) : 0.0;
-        fpHessianFunc->UpdateForRow(x, idx, val, m, W, c, pd2);
+        share.gradient->UpdateForRow(x, lead, idx, val, m, r, pd);
+        const double W = hessian.RecordWeight(w, y, mu, V, Vd, g1, g2);
+        const double c = extra ? hessian.ExtraRowFactor(w, y, mu, V, g1) : 0.0;
+        hessian.UpdateForRow(x, idx, val, m, W, c, pd2);
       }
     } else {
       valid = false;
@@ -263,9 +292,9 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
     if (fbBinarySingle) {
       const double p = (y == 1.0) ? mu : 1.0 - mu;
       const double m = std::min(mu, 1.0 - mu);
-      if (p < fMinP) fMinP = p;
-      if (p > fMaxP) fMaxP = p;
-      if (m < fMinPi) fMinPi = m;
+      if (p < share.minP) share.minP = p;
+      if (p > share.maxP) share.maxP = p;
+      if (m < share.minPi) share.minPi = m;
     }
     valid = true;
   }
@@ -278,47 +307,163 @@ inline bool GZLStatFactory::Step(const GZLDesignRow& row, const double* beta, bo
     ll->ClearSums();
     const double constant = ll->AddConstant(y, f, s, trials, events);
     if (TQMV::IsMissing(constant))
-      fbConstantBad = fbConstantBad || TQMV::IsMissing(ll->GetNonKernel());
+      share.constantBad = share.constantBad || TQMV::IsMissing(ll->GetNonKernel());
     else
-      fConstantSum.Add(constant);
+      share.constantSum.Add(constant);
   }
   return valid;
 }
 
+template <class Link, class Var, class LL, class Row>
+inline void GZLStatFactory::CountedStep(const Row& row, const double* beta, bool llOnly, const Link* link, Var* var,
+                                        LL* ll, PassShare& share) {
+  PassCounts& counts = share.counts;
+  double mu = TQMV::Missing;
+  bool ok = false;
+  if (row.fbInvalid || row.fValues.size() != static_cast<std::size_t>(fNParams))
+    ++counts.flagged;
+  else
+    ok = Step(row, beta, llOnly, fbExtra, link, var, ll, mu, share);
+  if (ok) {
+    ++counts.valid;
+    if (!TQMV::IsMissing(mu)) counts.sumMu += mu;
+  } else {
+    ++counts.invalid;
+  }
+}
+
 template <class Link, class Var, class LL>
-void GZLStatFactory::RunRecords(const double* beta, bool llOnly, PassCounts& counts) {
+void GZLStatFactory::RunRecords(const double* beta, bool llOnly) {
   const Link* link = static_cast<const Link*>(fpLinkFunc.get());
   Var* var = static_cast<Var*>(fpVarianceFunc.get());
   LL* ll = static_cast<LL*>(fpLogLikeFunc.get());
   TQQueryCancel* cancel = fpSettings->GetCancelPointer();
-  const bool extra = fbExtra;
-  const std::size_t P = static_cast<std::size_t>(fNParams);
   while (const GZLDesignRow* row = fpSource->GetNextRow()) {
-    double mu = TQMV::Missing;
-    bool ok = false;
-    if (row->fbInvalid || row->fValues.size() != P)
-      ++counts.flagged;
-    else
-      ok = Step(*row, beta, llOnly, extra, link, var, ll, mu);
-    if (ok) {
-      ++counts.valid;
-      if (!TQMV::IsMissing(mu)) counts.sumMu += mu;
-    } else {
-      ++counts.invalid;
-    }
+    CountedStep(*row, beta, llOnly, link, var, ll, fMain);
     if (IsCancelled(cancel)) {
-      counts.cancelled = true;
+      fMain.counts.cancelled = true;
       return;
     }
   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Passes shared with a second thread
+
+namespace {
+// Rows per batch handed to the second thread, and batches in flight (the ring's size: a few
+// hundred kilobytes for a few dozen columns, whatever the number of records).
+constexpr int kRowsPerBatch = 256;
+constexpr int kBatchesInFlight = 8;
+}  // namespace
+
+bool GZLStatFactory::UseSecondThread() const noexcept {
+  return fHardwareThreads >= 2 && fParallelThreshold >= 0.0 && fNCases >= fParallelThreshold && fNParams > 0 &&
+         !fbForceGeneric;
+}
+
+bool GZLStatFactory::PrepareSecondThread() {
+  if (fpWorker && fpWorker->IsRunning()) return true;
+  try {
+    fpSecond = std::make_unique<PaddedShare>();
+    fpSecond->share.indices.assign(static_cast<std::size_t>(fNParams), 0);
+    fpSecond->share.values.assign(static_cast<std::size_t>(fNParams), 0.0);
+    fpSecondGradient = std::make_unique<GZLGradientVector>(*fpGradientFunc);
+    fpSecondHessian = std::make_unique<GZLHessianMatrix>(*fpHessianFunc);
+    fpSecond->share.gradient = fpSecondGradient.get();
+    fpSecond->share.hessian = fpSecondHessian.get();
+    fpPipeline = std::make_unique<GZLRowPipeline>(kBatchesInFlight, kRowsPerBatch, static_cast<std::size_t>(fNParams));
+    fpWorker = std::make_unique<GZLPassWorker>();
+  } catch (...) {
+    fpWorker.reset();
+    return false;
+  }
+  if (!fpWorker->Start()) {
+    fpWorker.reset();
+    return false;
+  }
+  return true;
+}
+
+template <class Link, class Var, class LL>
+bool GZLStatFactory::RunRecordsShared(const double* beta, bool llOnly, bool useExpected) {
+  static_assert(!kDynamic<LL>, "the second thread needs its own copy of the log-likelihood object");
+  if (!PrepareSecondThread()) return false;
+  const Link* link = static_cast<const Link*>(fpLinkFunc.get());
+  Var* var = static_cast<Var*>(fpVarianceFunc.get());
+  LL* ll = static_cast<LL*>(fpLogLikeFunc.get());
+  // The second share starts where the main share was just reset to. The link and variance
+  // objects are only read; the log-likelihood object keeps the record's sums, so the second
+  // thread gets a copy of its own, on cache lines of its own.
+  PassShare& second = fpSecond->share;
+  second.Clear();
+  if (!llOnly) {
+    fpSecondGradient->Reset(fpGradientFunc->GetPhi());
+    fpSecondHessian->SetDistParam(fpHessianFunc->GetDistParam());
+    fpSecondHessian->Reset(fpHessianFunc->GetPhi(), useExpected);
+  }
+  struct alignas(kCacheLine) PaddedLL {
+    explicit PaddedLL(const LL& from) : ll(from) {}
+    LL ll;
+  };
+  struct Task {
+    GZLStatFactory* self;
+    GZLRowPipeline* rows;
+    const double* beta;
+    bool llOnly;
+    const Link* link;
+    Var* var;
+    LL* ll;
+    PassShare* share;
+    static void Run(void* context) {
+      // Copied to the worker's own stack: the caller's stack lines keep changing under it.
+      const Task t = *static_cast<const Task*>(context);
+      t.rows->Consume(
+          [&t](const GZLFlatRow& row) { t.self->CountedStep(row, t.beta, t.llOnly, t.link, t.var, t.ll, *t.share); });
+    }
+  };
+  std::unique_ptr<PaddedLL> secondLL;
+  try {
+    secondLL = std::make_unique<PaddedLL>(*ll);
+  } catch (...) {
+    return false;
+  }
+  GZLRowPipeline& pipeline = *fpPipeline;
+  pipeline.Restart();
+  Task task{this, &pipeline, beta, llOnly, link, var, &secondLL->ll, &second};
+  fpWorker->Post(&Task::Run, &task);
+  // This thread reads the source and keeps one batch in `shareEvery` for itself: the share
+  // that balances reading and building rows (here) against the accumulation, whose cost grows
+  // with the square of the number of parameters.
+  const long shareEvery = fNParams >= 64 ? 2 : 4;
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  long index = 0;
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    if ((index++ / kRowsPerBatch) % shareEvery == shareEvery - 1)
+      CountedStep(*row, beta, llOnly, link, var, ll, fMain);
+    else
+      pipeline.Push(*row);
+    if (IsCancelled(cancel)) {
+      fMain.counts.cancelled = true;
+      break;
+    }
+  }
+  pipeline.Finish();
+  fpWorker->Wait();
+  fMain.Merge(second);
+  if (!llOnly) {
+    fpGradientFunc->Merge(*fpSecondGradient);
+    fpHessianFunc->Merge(*fpSecondHessian);
+  }
+  return true;
 }
 
 bool GZLStatFactory::UpdateForRow(const GZLDesignRow& row, const std::vector<double>& beta, bool llOnly) {
   if (!fStatus.IsOK() || fbMultinomial || static_cast<int>(beta.size()) < fNParams) return false;
   if (row.fbInvalid || row.fValues.size() != static_cast<std::size_t>(fNParams)) return false;
   double mu = TQMV::Missing;
-  return Step<ITQLinkFunc, IGZLVarianceFunc, IGZLLogLikeFunc>(row, beta.data(), llOnly, fbExtra, fpLinkFunc.get(),
-                                                              fpVarianceFunc.get(), fpLogLikeFunc.get(), mu);
+  return Step<ITQLinkFunc, IGZLVarianceFunc, IGZLLogLikeFunc, GZLDesignRow>(
+      row, beta.data(), llOnly, fbExtra, fpLinkFunc.get(), fpVarianceFunc.get(), fpLogLikeFunc.get(), mu, fMain);
 }
 
 TQStatus GZLStatFactory::RunTweedieBoundaries(double phi) {
@@ -355,9 +500,8 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
   fLogLikelihood = TQMV::Missing;
   fNValid = fNInvalid = fNFlagged = 0;
   fSumMu = 0.0;
-  fKernelSum.Clear();
-  fConstantSum.Clear();
-  fbKernelBad = fbConstantBad = false;
+  fMain.Clear();
+  fbLastPassParallel = false;
   if (fbMultinomial) {
     // The ordinal and nominal accumulators are not part of this build.
     status = TQStatus::Error(GZLStatusCode::CantBuildModel);
@@ -376,7 +520,6 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
     fpGradientFunc->Reset(phi);
     fpHessianFunc->Reset(phi, useExpected);
   }
-  fPassLead = -1;
   if (!fpSource->RestartPass()) {
     status = TQStatus::Error(GZLStatusCode::NewPass);
     return;
@@ -386,25 +529,40 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
     return;
   }
 
-  PassCounts counts;
   const double* b = beta.data();
+  const bool shared = UseSecondThread();
+  // The compiled step over the pass, with the second thread when it is wanted and starts.
+  auto run = [&](auto* typedLink, auto* typedVar, auto* typedLL) {
+    using Link = std::remove_pointer_t<decltype(typedLink)>;
+    using Var = std::remove_pointer_t<decltype(typedVar)>;
+    using LL = std::remove_pointer_t<decltype(typedLL)>;
+    if (shared && RunRecordsShared<Link, Var, LL>(b, llOnly, useExpected))
+      fbLastPassParallel = true;
+    else
+      RunRecords<Link, Var, LL>(b, llOnly);
+  };
   switch (fbForceGeneric ? StepGeneric : fStepKind) {
     case StepPoissonLog:
-      RunRecords<TQLinkLog, GZLVariancePoisson, GZLLogLikePoisson>(b, llOnly, counts);
+      run(static_cast<TQLinkLog*>(nullptr), static_cast<GZLVariancePoisson*>(nullptr),
+          static_cast<GZLLogLikePoisson*>(nullptr));
       break;
     case StepBinomialLogit:
-      RunRecords<TQLinkLogit, GZLVarianceBinomial, GZLLogLikeBinomial>(b, llOnly, counts);
+      run(static_cast<TQLinkLogit*>(nullptr), static_cast<GZLVarianceBinomial*>(nullptr),
+          static_cast<GZLLogLikeBinomial*>(nullptr));
       break;
     case StepNormalIdentity:
-      RunRecords<TQLinkIdentity, GZLVarianceNormal, GZLLogLikeNormal>(b, llOnly, counts);
+      run(static_cast<TQLinkIdentity*>(nullptr), static_cast<GZLVarianceNormal*>(nullptr),
+          static_cast<GZLLogLikeNormal*>(nullptr));
       break;
     case StepGammaLog:
-      RunRecords<TQLinkLog, GZLVarianceGamma, GZLLogLikeGamma>(b, llOnly, counts);
+      run(static_cast<TQLinkLog*>(nullptr), static_cast<GZLVarianceGamma*>(nullptr),
+          static_cast<GZLLogLikeGamma*>(nullptr));
       break;
     default:
-      RunRecords<ITQLinkFunc, IGZLVarianceFunc, IGZLLogLikeFunc>(b, llOnly, counts);
+      RunRecords<ITQLinkFunc, IGZLVarianceFunc, IGZLLogLikeFunc>(b, llOnly);
       break;
   }
+  const PassCounts& counts = fMain.counts;
   fNValid = counts.valid;
   fNInvalid = counts.invalid;
   fNFlagged = counts.flagged;
@@ -417,8 +575,8 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
     status = TQStatus::Error(GZLStatusCode::AllInvalidRecordsForLinkFunction);
     return;
   }
-  fLogLikelihood = fbKernelBad ? TQMV::Missing : fKernelSum.Get();
-  fLogLikeConstant = (fbComputeConstant && !fbConstantBad) ? fConstantSum.Get() : TQMV::Missing;
+  fLogLikelihood = fMain.kernelBad ? TQMV::Missing : fMain.kernelSum.Get();
+  fLogLikeConstant = (fbComputeConstant && !fMain.constantBad) ? fMain.constantSum.Get() : TQMV::Missing;
   if (TQMV::IsMissingOrInfinite(fLogLikelihood)) {
     fLogLikelihood = TQMV::Missing;
     status = TQStatus::Error(GZLStatusCode::CantBuildModel);
@@ -449,9 +607,9 @@ void GZLStatFactory::CheckSeparation(TQStatus& status) const {
       break;
     }
   }
-  if (1.0 - fMinP < 0.01)
+  if (1.0 - fMain.minP < 0.01)
     status = TQStatus::Warning(GZLStatusCode::CompleteSeparation);
-  else if (nearSingular && (fMaxP > 0.99 || fMinPi < 0.001))
+  else if (nearSingular && (fMain.maxP > 0.99 || fMain.minPi < 0.001))
     status = TQStatus::Warning(GZLStatusCode::QuasiCompleteSeparation);
 }
 
@@ -474,9 +632,9 @@ void GZLStatFactory::Display() const {
   DisplayB("Binomial distribution indicator", fbBinomial);
   DisplayText(1, "The initial redundancy indicators: ");
   fInitRedunInfo.Display();
-  DisplayD("Smallest fitted probability of the observed category", fMinP);
-  DisplayD("Largest fitted probability of the observed category", fMaxP);
-  DisplayD("Smallest fitted probability", fMinPi);
+  DisplayD("Smallest fitted probability of the observed category", fMain.minP);
+  DisplayD("Largest fitted probability of the observed category", fMain.maxP);
+  DisplayD("Smallest fitted probability", fMain.minPi);
   DisplayText(1, "GZLStatFactory display end");
 }
 

@@ -9,6 +9,7 @@
 // two accumulators. The per-record step is compiled once per common distribution/link pair
 // against the concrete function classes (no virtual dispatch, no allocation, no settings lookup
 // in the record loop); other pairs go through the abstract interfaces.
+#include <cfloat>
 #include <cmath>
 #include <memory>
 #include <vector>
@@ -24,6 +25,8 @@ class IGZLRowSource;
 class ITQLinkFunc;
 class IGZLVarianceFunc;
 class IGZLLogLikeFunc;
+class GZLPassWorker;
+class GZLRowPipeline;
 struct GZLDesignRow;
 
 // A running sum with Neumaier's compensation: its error stays near one rounding of the total
@@ -38,6 +41,11 @@ struct GZLCompensatedSum {
     sum = t;
   }
   double Get() const noexcept { return sum + compensation; }
+  // Another sum's terms, as if they had been added here (up to one rounding).
+  void Merge(const GZLCompensatedSum& other) noexcept {
+    Add(other.sum);
+    compensation += other.compensation;
+  }
 };
 
 class GZLStatFactory {
@@ -100,6 +108,15 @@ class GZLStatFactory {
   void SetComputeConstant(bool on) noexcept { fbComputeConstant = on; }
   // Force the generic record step (the compiled steps must give the same sums).
   void SetUseGenericStep(bool on) noexcept { fbForceGeneric = on; }
+  // A pass of a compiled step over at least this many observations shares its records with a
+  // second thread when the machine has two cores or more; the host's source is still read by
+  // the calling thread alone. Which records each thread takes depends only on their order, so
+  // the sums do not vary from run to run (they differ from those of one thread by rounding).
+  // A negative value keeps every pass on the calling thread.
+  void SetParallelThreshold(double observations) noexcept { fParallelThreshold = observations; }
+  static constexpr double kDefaultParallelThreshold = 32768.0;
+  // Whether the last pass shared its records with the second thread.
+  bool WasLastPassParallel() const noexcept { return fbLastPassParallel; }
   StepKind GetStepKind() const noexcept { return fStepKind; }
 
   // ---- results of the last pass ----
@@ -113,9 +130,9 @@ class GZLStatFactory {
   int GetNumFlaggedRows() const noexcept { return fNFlagged; }
   // Unweighted sum of the fitted means of the valid records.
   double GetSumFittedMeans() const noexcept { return fSumMu; }
-  double GetMinObservedProb() const noexcept { return fMinP; }
-  double GetMaxObservedProb() const noexcept { return fMaxP; }
-  double GetMinProb() const noexcept { return fMinPi; }
+  double GetMinObservedProb() const noexcept { return fMain.minP; }
+  double GetMaxObservedProb() const noexcept { return fMain.maxP; }
+  double GetMinProb() const noexcept { return fMain.minPi; }
 
   ITQLinkFunc* GetLinkFunction() const noexcept { return fpLinkFunc.get(); }
   IGZLVarianceFunc* GetVarianceFunction() const noexcept { return fpVarianceFunc.get(); }
@@ -138,13 +155,45 @@ class GZLStatFactory {
     double sumMu = 0.0;
     bool cancelled = false;
   };
+  // What the records of one thread add to during a pass: the log-likelihood sums and their
+  // flags, the separation extremes, the counts, the sparse-row scratch, the width of the dense
+  // leading block (-1 before the first record) and the two accumulators.
+  struct PassShare {
+    GZLCompensatedSum kernelSum;
+    GZLCompensatedSum constantSum;
+    bool kernelBad = false;
+    bool constantBad = false;
+    double minP = DBL_MAX;
+    double maxP = -DBL_MAX;
+    double minPi = DBL_MAX;
+    PassCounts counts;
+    std::vector<int> indices;
+    std::vector<double> values;
+    int lead = -1;
+    GZLGradientVector* gradient = nullptr;
+    GZLHessianMatrix* hessian = nullptr;
+    // Back to the start of a pass (the accumulators are reset by their owner).
+    void Clear() noexcept;
+    // Adds another share's sums, flags, extremes and counts (not its accumulators).
+    void Merge(const PassShare& other) noexcept;
+  };
 
-  // The record step, compiled per function classes (abstract classes: virtual calls).
+  // The record step, compiled per function classes (abstract classes: virtual calls). Row: a
+  // design row, or a row of the second thread's batches (same members).
+  template <class Link, class Var, class LL, class Row>
+  bool Step(const Row& row, const double* beta, bool llOnly, bool extra, const Link* link, Var* var, LL* ll,
+            double& mu, PassShare& share);
+  // One row through the step, counted in the share.
+  template <class Link, class Var, class LL, class Row>
+  void CountedStep(const Row& row, const double* beta, bool llOnly, const Link* link, Var* var, LL* ll,
+                   PassShare& share);
   template <class Link, class Var, class LL>
-  bool Step(const GZLDesignRow& row, const double* beta, bool llOnly, bool extra, const Link* link, Var* var,
-            LL* ll, double& mu);
+  void RunRecords(const double* beta, bool llOnly);
+  // The same pass with the second thread; false, with nothing read, when it cannot start.
   template <class Link, class Var, class LL>
-  void RunRecords(const double* beta, bool llOnly, PassCounts& counts);
+  bool RunRecordsShared(const double* beta, bool llOnly, bool useExpected);
+  bool UseSecondThread() const noexcept;
+  bool PrepareSecondThread();
   TQStatus RunTweedieBoundaries(double phi);
   void ResetSeparationStats() noexcept;
 
@@ -170,9 +219,6 @@ class GZLStatFactory {
   int fNFlagged = 0;
   bool fbBinomial;
   TQBitSet fInitRedunInfo;
-  double fMinP = 0.0;
-  double fMaxP = 0.0;
-  double fMinPi = 0.0;
 
   // Hoisted from the settings for the record loop.
   bool fbExtra = false;          // scale or k estimated by maximum likelihood
@@ -187,16 +233,24 @@ class GZLStatFactory {
   double fBoundaryPhi = -1.0;
   double fLogLikeConstant = 0.0;
   double fSumMu = 0.0;
-  // The kernel and non-kernel sums of the pass (see Step).
-  GZLCompensatedSum fKernelSum;
-  GZLCompensatedSum fConstantSum;
-  bool fbKernelBad = false;
-  bool fbConstantBad = false;
   // In-model parameter indices and the per-record sparse row (sized once).
   std::vector<int> fModelIndices;
   int fLeadCount = 0;
-  // The width of the dense leading block of the records of this pass (-1 before the first).
-  int fPassLead = -1;
-  std::vector<int> fRowIndices;
-  std::vector<double> fRowValues;
+  // The calling thread's share of a pass (the whole pass without the second thread), and the
+  // second thread's share with its own accumulators, row ring and thread, made at first use.
+  // What one thread writes per record lies on cache lines of its own: a line shared with what
+  // the other thread reads would have to travel between the cores at every write.
+  static constexpr std::size_t kCacheLine = 128;
+  alignas(kCacheLine) PassShare fMain;
+  struct alignas(kCacheLine) PaddedShare {
+    PassShare share;
+  };
+  alignas(kCacheLine) std::unique_ptr<PaddedShare> fpSecond;
+  std::unique_ptr<GZLGradientVector> fpSecondGradient;
+  std::unique_ptr<GZLHessianMatrix> fpSecondHessian;
+  std::unique_ptr<GZLRowPipeline> fpPipeline;
+  std::unique_ptr<GZLPassWorker> fpWorker;
+  double fParallelThreshold = kDefaultParallelThreshold;
+  unsigned fHardwareThreads = 1;
+  bool fbLastPassParallel = false;
 };
