@@ -43,10 +43,15 @@ struct GZLFlatRow {
 
 class GZLRowPipeline {
  public:
+  // Rows per batch, and batches in flight: the ring takes a few hundred kilobytes for a few
+  // dozen columns, whatever the number of records.
+  static constexpr int kRowsPerBatch = 256;
+  static constexpr int kBatchesInFlight = 8;
+
   // Rows of nValues design values; a row of another length is passed on as invalid.
-  GZLRowPipeline(int slots, int rowsPerSlot, std::size_t nValues)
-      : fSlots(static_cast<std::size_t>(slots < 2 ? 2 : slots)),
-        fRowsPerSlot(rowsPerSlot < 1 ? 1 : rowsPerSlot),
+  explicit GZLRowPipeline(std::size_t nValues)
+      : fSlots(static_cast<std::size_t>(kBatchesInFlight)),
+        fRowsPerSlot(kRowsPerBatch),
         fNValues(nValues),
         fStride((nValues + kScalars + 1) / 2 * 2) {
     for (Slot& s : fSlots) s.block.assign(static_cast<std::size_t>(fRowsPerSlot) * fStride, 0.0);

@@ -350,12 +350,6 @@ void GZLStatFactory::RunRecords(const double* beta, bool llOnly) {
 // ---------------------------------------------------------------------------------------------
 // Passes shared with a second thread
 
-namespace {
-// Rows per batch handed to the second thread, and batches in flight (the ring's size: a few
-// hundred kilobytes for a few dozen columns, whatever the number of records).
-constexpr int kRowsPerBatch = 256;
-constexpr int kBatchesInFlight = 8;
-}  // namespace
 
 bool GZLStatFactory::UseSecondThread() const noexcept {
   return fHardwareThreads >= 2 && fParallelThreshold >= 0.0 && fNCases >= fParallelThreshold && fNParams > 0 &&
@@ -372,7 +366,7 @@ bool GZLStatFactory::PrepareSecondThread() {
     fpSecondHessian = std::make_unique<GZLHessianMatrix>(*fpHessianFunc);
     fpSecond->share.gradient = fpSecondGradient.get();
     fpSecond->share.hessian = fpSecondHessian.get();
-    fpPipeline = std::make_unique<GZLRowPipeline>(kBatchesInFlight, kRowsPerBatch, static_cast<std::size_t>(fNParams));
+    fpPipeline = std::make_unique<GZLRowPipeline>(static_cast<std::size_t>(fNParams));
     fpWorker = std::make_unique<GZLPassWorker>();
   } catch (...) {
     fpWorker.reset();
@@ -383,6 +377,41 @@ bool GZLStatFactory::PrepareSecondThread() {
     return false;
   }
   return true;
+}
+
+template <class Here, class There>
+bool GZLStatFactory::DealRows(Here& here, There& there, long keepEvery) {
+  struct Task {
+    GZLRowPipeline* rows;
+    There* there;
+    static void Run(void* context) {
+      // The function object is copied to the worker's own stack: the caller's stack lines keep
+      // changing under it, and reading them per row would stall both threads.
+      const Task t = *static_cast<const Task*>(context);
+      There fn = *t.there;
+      t.rows->Consume([&fn](const GZLFlatRow& row) { fn(row); });
+    }
+  };
+  GZLRowPipeline& pipeline = *fpPipeline;
+  pipeline.Restart();
+  Task task{&pipeline, &there};
+  fpWorker->Post(&Task::Run, &task);
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  bool cancelled = false;
+  long index = 0;
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    if (keepEvery > 0 && (index++ / GZLRowPipeline::kRowsPerBatch) % keepEvery == keepEvery - 1)
+      here(*row);
+    else
+      pipeline.Push(*row);
+    if (cancel != nullptr && cancel->IsCancelled()) {
+      cancelled = true;
+      break;
+    }
+  }
+  pipeline.Finish();
+  fpWorker->Wait();
+  return cancelled;
 }
 
 template <class Link, class Var, class LL>
@@ -406,50 +435,22 @@ bool GZLStatFactory::RunRecordsShared(const double* beta, bool llOnly, bool useE
     explicit PaddedLL(const LL& from) : ll(from) {}
     LL ll;
   };
-  struct Task {
-    GZLStatFactory* self;
-    GZLRowPipeline* rows;
-    const double* beta;
-    bool llOnly;
-    const Link* link;
-    Var* var;
-    LL* ll;
-    PassShare* share;
-    static void Run(void* context) {
-      // Copied to the worker's own stack: the caller's stack lines keep changing under it.
-      const Task t = *static_cast<const Task*>(context);
-      t.rows->Consume(
-          [&t](const GZLFlatRow& row) { t.self->CountedStep(row, t.beta, t.llOnly, t.link, t.var, t.ll, *t.share); });
-    }
-  };
   std::unique_ptr<PaddedLL> secondLL;
   try {
     secondLL = std::make_unique<PaddedLL>(*ll);
   } catch (...) {
     return false;
   }
-  GZLRowPipeline& pipeline = *fpPipeline;
-  pipeline.Restart();
-  Task task{this, &pipeline, beta, llOnly, link, var, &secondLL->ll, &second};
-  fpWorker->Post(&Task::Run, &task);
-  // This thread reads the source and keeps one batch in `shareEvery` for itself: the share
-  // that balances reading and building rows (here) against the accumulation, whose cost grows
-  // with the square of the number of parameters.
-  const long shareEvery = fNParams >= 64 ? 2 : 4;
-  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
-  long index = 0;
-  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
-    if ((index++ / kRowsPerBatch) % shareEvery == shareEvery - 1)
-      CountedStep(*row, beta, llOnly, link, var, ll, fMain);
-    else
-      pipeline.Push(*row);
-    if (IsCancelled(cancel)) {
-      fMain.counts.cancelled = true;
-      break;
-    }
-  }
-  pipeline.Finish();
-  fpWorker->Wait();
+  LL* otherLL = &secondLL->ll;
+  auto here = [&](const GZLDesignRow& row) { CountedStep(row, beta, llOnly, link, var, ll, fMain); };
+  auto there = [this, beta, llOnly, link, var, otherLL, &second](const GZLFlatRow& row) {
+    CountedStep(row, beta, llOnly, link, var, otherLL, second);
+  };
+  // This thread reads the source, builds the rows and keeps one batch in `keepEvery` for
+  // itself: the share that balances that work against the accumulation, whose cost grows with
+  // the square of the number of parameters.
+  const long keepEvery = fNParams >= 64 ? 2 : 4;
+  if (DealRows(here, there, keepEvery)) fMain.counts.cancelled = true;
   fMain.Merge(second);
   if (!llOnly) {
     fpGradientFunc->Merge(*fpSecondGradient);

@@ -21,10 +21,10 @@
 #include "support/TQStatus.h"
 #include "support/TQSymMatrix.h"
 
-class IGZLRowSource;
 class ITQLinkFunc;
 class IGZLVarianceFunc;
 class IGZLLogLikeFunc;
+class IGZLRowSource;
 class GZLPassWorker;
 class GZLRowPipeline;
 struct GZLDesignRow;
@@ -117,6 +117,7 @@ class GZLStatFactory {
   static constexpr double kDefaultParallelThreshold = 32768.0;
   // Whether the last pass shared its records with the second thread.
   bool WasLastPassParallel() const noexcept { return fbLastPassParallel; }
+
   StepKind GetStepKind() const noexcept { return fStepKind; }
 
   // ---- results of the last pass ----
@@ -194,6 +195,13 @@ class GZLStatFactory {
   bool RunRecordsShared(const double* beta, bool llOnly, bool useExpected);
   bool UseSecondThread() const noexcept;
   bool PrepareSecondThread();
+  // The rows of a pass (after RestartPass), read and built on this thread: those of one batch in
+  // `keepEvery` go to here(row) on this thread (a design row), the others to there(row) on the
+  // second thread (a row with the same members). `there` is copied to the second thread and
+  // writes through the pointers it holds; here and there must not share what they write. True
+  // when the host cancelled (polled per row, on this thread).
+  template <class Here, class There>
+  bool DealRows(Here& here, There& there, long keepEvery);
   TQStatus RunTweedieBoundaries(double phi);
   void ResetSeparationStats() noexcept;
 
