@@ -39,6 +39,17 @@ GZLDesignMatrixEffect::GZLDesignMatrixEffect(const GZLSettings& settings, const 
   for (std::size_t k = 0; k < fFactors.size(); ++k)
     fKeyFactors[k] = fFactors[static_cast<std::size_t>(fDictionary.GetSortingOrder()[k])];
   fKey.resize(fFactors.size());
+  // A valid record's code of a factor with n categories truncates to -1 .. n-1 (see
+  // AddDictionaryRecord): the dictionary pass can find keys in a flat table over that box.
+  std::vector<int> lo, hi;
+  for (int f : fKeyFactors) {
+    const auto it = std::find(used.begin(), used.end(), f);
+    const std::size_t pos = static_cast<std::size_t>(it - used.begin());
+    if (it == used.end() || pos >= sizes.size() || sizes[pos] < 1) return;
+    lo.push_back(-1);
+    hi.push_back(sizes[pos] - 1);
+  }
+  fDictionary.SetKeyRange(lo, hi);
 }
 
 void GZLDesignMatrixEffect::AddDictionaryRecord(const Record& record, double freqWeight) {

@@ -13,6 +13,9 @@ void GZLDictionary::Setup(const std::vector<int>& levels) {
   fbFinalized = false;
   fbLastAddedValid = false;
   ClearTable();
+  fAddMin.clear();
+  fAddRadix.clear();
+  fAddTable.clear();
   const int n = static_cast<int>(levels.size());
   fNLevels = n == 0 ? 0 : *std::max_element(levels.begin(), levels.end()) + 1;
   fSortingOrder.resize(static_cast<std::size_t>(n));
@@ -27,20 +30,59 @@ void GZLDictionary::Setup(const std::vector<int>& levels) {
   for (int k = 0; k < n; ++k) fOriginalOrder[static_cast<std::size_t>(fSortingOrder[static_cast<std::size_t>(k)])] = k;
 }
 
-int GZLDictionary::Add(const std::vector<int>& key) {
-  if (fbLastAddedValid && fLastKey == key) return fLastValue;
-  const auto it = fMap.find(key);
-  fLastKey = key;  // same length every time: the storage is reused
-  fbLastAddedValid = true;
-  if (it != fMap.end()) return fLastValue = it->second;
+void GZLDictionary::SetKeyRange(const std::vector<int>& lo, const std::vector<int>& hi) {
+  fAddMin.clear();
+  fAddRadix.clear();
+  fAddTable.clear();
+  if (lo.size() != hi.size() || lo.empty() || fbFinalized || !fMap.empty()) return;
+  std::int64_t size = 1;
+  for (std::size_t k = 0; k < lo.size(); ++k) {
+    const std::int64_t radix = static_cast<std::int64_t>(hi[k]) - lo[k] + 1;
+    if (radix < 1 || radix > kMaxTableSize || size > kMaxTableSize / radix) {
+      fAddMin.clear();
+      fAddRadix.clear();
+      return;
+    }
+    size *= radix;
+    fAddMin.push_back(lo[k]);
+    fAddRadix.push_back(radix);
+  }
+  fAddTable.assign(static_cast<std::size_t>(size), -1);
+}
+
+int GZLDictionary::Enter(const std::vector<int>& key) {
   const int index = static_cast<int>(fAppearance.size());
-  fLastValue = index;
   fMap.emplace(key, index);
   // A new key after Finalize would be missing from the table: back to the tree until the next
   // Finalize.
   ClearTable();
   fAppearance.push_back(key);
   return index;
+}
+
+int GZLDictionary::Add(const std::vector<int>& key) {
+  if (fbLastAddedValid && fLastKey == key) return fLastValue;
+  if (!fbFinalized && !fAddTable.empty() && key.size() == fAddRadix.size()) {
+    std::int64_t place = 0;
+    bool inside = true;
+    for (std::size_t k = 0; k < key.size() && inside; ++k) {
+      const std::int64_t offset = static_cast<std::int64_t>(key[k]) - fAddMin[k];
+      inside = offset >= 0 && offset < fAddRadix[k];
+      place = place * fAddRadix[k] + offset;
+    }
+    if (inside) {
+      int& entry = fAddTable[static_cast<std::size_t>(place)];
+      if (entry < 0) entry = Enter(key);
+      fLastKey = key;
+      fbLastAddedValid = true;
+      return fLastValue = entry;
+    }
+  }
+  const auto it = fMap.find(key);
+  fLastKey = key;  // same length every time: the storage is reused
+  fbLastAddedValid = true;
+  if (it != fMap.end()) return fLastValue = it->second;
+  return fLastValue = Enter(key);
 }
 
 std::vector<int> GZLDictionary::Finalize() {
@@ -59,6 +101,9 @@ std::vector<int> GZLDictionary::Finalize() {
   }
   fbFinalized = true;
   fbLastAddedValid = false;  // the values are columns now
+  fAddMin.clear();
+  fAddRadix.clear();
+  fAddTable = std::vector<int>();
   BuildTable();
   return columnOfAppearance;
 }

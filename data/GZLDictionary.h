@@ -24,6 +24,10 @@ class GZLDictionary {
   // Factor position in model order -> key position.
   const std::vector<int>& GetOriginalOrder() const noexcept { return fOriginalOrder; }
 
+  // Before the dictionary pass: the range lo[k] .. hi[k] the codes of key position k can take,
+  // so that Add finds keys by their place in a flat table instead of searching the tree (when
+  // the box is small enough; keys outside it still go to the tree).
+  void SetKeyRange(const std::vector<int>& lo, const std::vector<int>& hi);
   // Dictionary pass: enters the key (already in key order) when it is new. Returns the key's
   // index in order of first appearance.
   int Add(const std::vector<int>& key);
@@ -64,6 +68,7 @@ class GZLDictionary {
   }
   void BuildTable();
   void ClearTable() noexcept;
+  int Enter(const std::vector<int>& key);
 
 
   std::map<std::vector<int>, int> fMap;
@@ -83,4 +88,9 @@ class GZLDictionary {
   std::vector<std::int64_t> fTableMin;
   std::vector<std::int64_t> fTableRadix;
   std::vector<int> fTable;
+  // The dictionary pass's flat table over the declared key range (empty when none): the
+  // appearance index of every key seen, -1 elsewhere. Used until Finalize.
+  std::vector<std::int64_t> fAddMin;
+  std::vector<std::int64_t> fAddRadix;
+  std::vector<int> fAddTable;
 };

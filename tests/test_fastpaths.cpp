@@ -70,51 +70,56 @@ TEST(FastPaths, PowerOfSmallExponentsEqualsPow) {
 }
 
 // Columns are the ranks of the distinct keys in lexicographic order, worked out here apart from
-// the dictionary.
+// the dictionary; the same with the flat table of the dictionary pass over a declared key range
+// that leaves some keys (a = 9) to the tree.
 TEST(FastPaths, DictionaryTableAgreesWithRanks) {
-  std::mt19937 rng(11);
-  std::uniform_int_distribution<int> a(-1, 9), b(0, 4), c(3, 7);
-  GZLDictionary d;
-  d.Setup({0, 0, 0});
-  std::set<std::vector<int>> distinct;
-  std::map<std::vector<int>, int> firstSeen;
-  for (int i = 0; i < 300; ++i) {
-    std::vector<int> key = {a(rng), b(rng), c(rng)};
-    if (key[0] == 4 && key[1] == 2) continue;  // a hole inside the box
-    const int index = d.Add(key);
-    const int expected = firstSeen.emplace(key, static_cast<int>(firstSeen.size())).first->second;
-    ASSERT_EQ(index, expected);
-    ASSERT_EQ(d.Add(key), expected);  // the repeated key
-    distinct.insert(key);
-  }
-  const std::vector<int> columnOf = d.Finalize();
-  ASSERT_TRUE(d.HasTable());
-  std::map<std::vector<int>, int> rank;
-  for (const auto& key : distinct) rank.emplace(key, static_cast<int>(rank.size()));
-  for (const auto& [key, index] : firstSeen) EXPECT_EQ(columnOf[static_cast<std::size_t>(index)], rank[key]);
-  // Every key of a box wider than the observed one, absent keys included.
-  for (int i = -3; i <= 11; ++i)
-    for (int j = -2; j <= 6; ++j)
-      for (int k = 1; k <= 9; ++k) {
-        const std::vector<int> key = {i, j, k};
-        const auto it = rank.find(key);
-        ASSERT_EQ(d.Lookup(key), it == rank.end() ? -1 : it->second) << i << " " << j << " " << k;
-      }
-  EXPECT_EQ(d.Lookup({1, 2}), -1);  // wrong length
-  // After Finalize the pass answers columns, the short cut of a repeated key included.
-  const std::vector<int> some = *distinct.rbegin();
-  EXPECT_EQ(d.Add(some), rank[some]);
-  EXPECT_EQ(d.Add(some), rank[some]);
+  for (const bool ranged : {false, true}) {
+    SCOPED_TRACE(ranged);
+    std::mt19937 rng(11);
+    std::uniform_int_distribution<int> a(-1, 9), b(0, 4), c(3, 7);
+    GZLDictionary d;
+    d.Setup({0, 0, 0});
+    if (ranged) d.SetKeyRange({-1, 0, 3}, {8, 4, 7});
+    std::set<std::vector<int>> distinct;
+    std::map<std::vector<int>, int> firstSeen;
+    for (int i = 0; i < 300; ++i) {
+      std::vector<int> key = {a(rng), b(rng), c(rng)};
+      if (key[0] == 4 && key[1] == 2) continue;  // a hole inside the box
+      const int index = d.Add(key);
+      const int expected = firstSeen.emplace(key, static_cast<int>(firstSeen.size())).first->second;
+      ASSERT_EQ(index, expected);
+      ASSERT_EQ(d.Add(key), expected);  // the repeated key
+      distinct.insert(key);
+    }
+    const std::vector<int> columnOf = d.Finalize();
+    ASSERT_TRUE(d.HasTable());
+    std::map<std::vector<int>, int> rank;
+    for (const auto& key : distinct) rank.emplace(key, static_cast<int>(rank.size()));
+    for (const auto& [key, index] : firstSeen) EXPECT_EQ(columnOf[static_cast<std::size_t>(index)], rank[key]);
+    // Every key of a box wider than the observed one, absent keys included.
+    for (int i = -3; i <= 11; ++i)
+      for (int j = -2; j <= 6; ++j)
+        for (int k = 1; k <= 9; ++k) {
+          const std::vector<int> key = {i, j, k};
+          const auto it = rank.find(key);
+          ASSERT_EQ(d.Lookup(key), it == rank.end() ? -1 : it->second) << i << " " << j << " " << k;
+        }
+    EXPECT_EQ(d.Lookup({1, 2}), -1);  // wrong length
+    // After Finalize the pass answers columns, the short cut of a repeated key included.
+    const std::vector<int> some = *distinct.rbegin();
+    EXPECT_EQ(d.Add(some), rank[some]);
+    EXPECT_EQ(d.Add(some), rank[some]);
 
-  // A new key after Finalize drops the table until the next Finalize, which ranks it too.
-  d.Add({100, 0, 3});
-  EXPECT_FALSE(d.HasTable());
-  EXPECT_EQ(d.Lookup({100, 0, 3}), static_cast<int>(distinct.size()));  // its first-appearance index
-  d.Finalize();
-  ASSERT_TRUE(d.HasTable());
-  EXPECT_EQ(d.Lookup({100, 0, 3}), static_cast<int>(distinct.size()));  // the last rank
-  EXPECT_EQ(d.Lookup(*distinct.begin()), 0);
-  EXPECT_EQ(d.Lookup({99, 0, 3}), -1);
+    // A new key after Finalize drops the table until the next Finalize, which ranks it too.
+    d.Add({100, 0, 3});
+    EXPECT_FALSE(d.HasTable());
+    EXPECT_EQ(d.Lookup({100, 0, 3}), static_cast<int>(distinct.size()));  // its first-appearance index
+    d.Finalize();
+    ASSERT_TRUE(d.HasTable());
+    EXPECT_EQ(d.Lookup({100, 0, 3}), static_cast<int>(distinct.size()));  // the last rank
+    EXPECT_EQ(d.Lookup(*distinct.begin()), 0);
+    EXPECT_EQ(d.Lookup({99, 0, 3}), -1);
+  }
 
   // A box beyond the table's limit keeps the tree, with the same answers.
   GZLDictionary wide;
