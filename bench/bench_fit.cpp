@@ -5,7 +5,8 @@
 // information); the design rows alone and the accumulation alone (over prebuilt rows), which
 // split a pass between the design matrix and the estimation; the estimation over prebuilt rows;
 // and the whole fit (dictionary pass, starting values, iterations and post-estimation) with its
-// number of passes. Nothing in the fit keeps records: its memory does not grow with their
+// number of passes. The estimation pass and the whole fit run on the calling thread alone
+// (argument 0) and with the second thread that large passes use by default (argument 1). Nothing in the fit keeps records: its memory does not grow with their
 // number.
 #include <benchmark/benchmark.h>
 
@@ -148,9 +149,11 @@ void BM_DesignRowsOnly(benchmark::State& state) {
   }
 }
 
+// Argument: 1 to share the pass with a second thread, 0 for the calling thread alone.
 void BM_EstimationPass(benchmark::State& state) {
   Prepared& p = Ready();
   GZLStatFactory factory(*p.rows, *p.settings);
+  factory.SetParallelThreshold(state.range(0) != 0 ? 0.0 : -1.0);
   std::vector<double> beta(static_cast<std::size_t>(factory.GetNumParams()), 0.01);
   TQBitSet inModel(factory.GetNumParams(), true);
   inModel.Clear(10 + 1 + kCovariates);  // last level of each factor aliased, as in a fit
@@ -162,6 +165,7 @@ void BM_EstimationPass(benchmark::State& state) {
     benchmark::DoNotOptimize(factory.GetLogLikelihood());
   }
   state.counters["columns"] = factory.GetNumParams();
+  state.counters["records/s"] = benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate);
 }
 
 // The accumulation alone: 1,000,000 design rows served from a block of 4096 rows built once by
@@ -201,6 +205,7 @@ void BM_AccumulationOnly(benchmark::State& state) {
   inModel.Clear(factory.GetNumParams() - 1);
   factory.SetRedundancy(inModel);
   factory.SetUseGenericStep(state.range(0) != 0);
+  factory.SetParallelThreshold(-1.0);  // the cost of the accumulation on one thread
   for (auto _ : state) {
     TQStatus st;
     factory.ComputeLLGradHessian(st, beta, 1.0, true, state.range(1) != 0, false);
@@ -208,6 +213,7 @@ void BM_AccumulationOnly(benchmark::State& state) {
   }
 }
 
+// Argument: 1 to share the larger passes with a second thread, 0 for the calling thread alone.
 void BM_WholeFit(benchmark::State& state) {
   auto settings = MakeSettings();
   Source();  // the records are generated once, outside the timing
@@ -221,6 +227,7 @@ void BM_WholeFit(benchmark::State& state) {
     design.SetRecordSource(&Source());
     GZLDesignRowSource rows(design);
     GZLOptimizerForGZLM opt(rows, *settings, false);
+    opt.GetStatFactory().SetParallelThreshold(state.range(0) != 0 ? GZLStatFactory::kDefaultParallelThreshold : -1.0);
     opt.Estimate();
     opt.PostEstimation();
     iterations = opt.GetIterationNumber();
@@ -252,9 +259,9 @@ void BM_EstimationOnCachedRows(benchmark::State& state) {
 BENCHMARK(BM_EstimationOnCachedRows)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_DictionaryPass)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_DesignRowsOnly)->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK(BM_EstimationPass)->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(BM_EstimationPass)->Unit(benchmark::kMillisecond)->Iterations(5)->Arg(0)->Arg(1);
 // Arguments: generic (virtual) record step, log-likelihood only.
 BENCHMARK(BM_AccumulationOnly)->Unit(benchmark::kMillisecond)->Iterations(5)->Args({0, 0})->Args({1, 0})->Args({0, 1});
-BENCHMARK(BM_WholeFit)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_WholeFit)->Unit(benchmark::kMillisecond)->Iterations(3)->Arg(0)->Arg(1);
 
 BENCHMARK_MAIN();
