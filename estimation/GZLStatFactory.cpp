@@ -350,7 +350,6 @@ void GZLStatFactory::RunRecords(const double* beta, bool llOnly) {
 // ---------------------------------------------------------------------------------------------
 // Passes shared with a second thread
 
-
 bool GZLStatFactory::UseSecondThread() const noexcept {
   return fHardwareThreads >= 2 && fParallelThreshold >= 0.0 && fNCases >= fParallelThreshold && fNParams > 0 &&
          !fbForceGeneric;
