@@ -23,7 +23,7 @@
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLStatFactory.h"
-#include "inference/GZLModelEffectTest.h"
+#include "inference/GZLInference.h"
 
 namespace {
 
@@ -254,20 +254,18 @@ void BM_WaldEffectTests(benchmark::State& state) {
   TQSymMatrix covariance(P);
   for (int i = 0; i < P; ++i)
     for (int j = 0; j <= i; ++j) covariance(i, j) = -opt.GetInverseHessian()(i, j);
+  GZLSettings settings(*p.settings);
+  settings.SetEffectAnalysisType(TQConst::EffectTypeIAndIII);
   double sum = 0.0;
   for (auto _ : state) {
     TQSymMatrix sscp;
     opt.ComputeSSCP(sscp);
-    GZLModelEffectTestData data(*p.settings, info, P, sscp);
-    data.SetModelTests(std::make_unique<TQModelTests>(opt.GetParamEstimates(), opt.GetInitRedunInfo(), covariance));
-    GZLModelEffectTestTypeI typeI;
-    GZLModelEffectTestTypeIII typeIII;
-    for (GZLDefaultModelEffectTest* test : std::vector<GZLDefaultModelEffectTest*>{&typeI, &typeIII}) {
-      test->SetData(&data);
-      TQStatus st;
-      test->ComputeTests(st);
-      sum += test->GetModelTestStats().GetTest(1).fChiSquare;
-    }
+    GZLInference inference(settings);
+    inference.SetEffectTestData(std::make_unique<GZLModelEffectTestData>(settings, info, P, sscp));
+    std::vector<TQStatus> warnings;
+    inference.ComputeEffectTests(opt.GetParamEstimates(), opt.GetInitRedunInfo(), &covariance, TQMV::Missing,
+                                 warnings);
+    sum += inference.GetTypeIIITestStats()->GetTest(1).fChiSquare;
   }
   benchmark::DoNotOptimize(sum);
 }

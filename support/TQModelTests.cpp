@@ -67,34 +67,32 @@ TQStatus TQModelTests::ComputeModelTest(const TQRectMatrix& L, TQModelTestStats:
   if (m == 0) return TQStatus::Error(GZLStatusCode::LMatrixEmpty);
   if (L.GetNumCols() != p || fCovariance.GetNumRows() != p) return TQStatus::Error(GZLStatusCode::InternalError);
 
-  // L b and L C over the parameters that L touches; an estimate or covariance entry that is
-  // missing leaves the statistic missing.
-  std::vector<double> lb(static_cast<std::size_t>(m), 0.0);
-  TQRectMatrix lc(m, p);
-  for (int i = 0; i < m; ++i) {
-    const double* li = L.Row(i);
-    for (int k = 0; k < p; ++k) {
-      if (li[k] == 0.0) continue;
-      const double b = fEstimates[static_cast<std::size_t>(k)];
-      if (!Usable(b)) return TQStatus::Warning(GZLStatusCode::LogLikelihoodCovarianceNotSucceed);
-      lb[static_cast<std::size_t>(i)] += li[k] * b;
-      for (int j = 0; j < p; ++j) {
-        const double c = fCovariance.Get(k, j);
-        if (c == 0.0) continue;
-        if (!Usable(c)) return TQStatus::Warning(GZLStatusCode::LogLikelihoodCovarianceNotSucceed);
-        lc(i, j) += li[k] * c;
+  // Only the parameters that L touches enter L b and L C L'; a missing estimate or covariance
+  // among them leaves the statistic missing.
+  std::vector<int> touched;
+  for (int k = 0; k < p; ++k)
+    for (int i = 0; i < m; ++i)
+      if (L(i, k) != 0.0) {
+        touched.push_back(k);
+        break;
       }
-    }
+  const int nt = static_cast<int>(touched.size());
+  TQRectMatrix lt(m, nt);
+  TQSymMatrix ct(nt);
+  std::vector<double> bt(static_cast<std::size_t>(nt));
+  for (int a = 0; a < nt; ++a) {
+    const int k = touched[static_cast<std::size_t>(a)];
+    bt[static_cast<std::size_t>(a)] = fEstimates[static_cast<std::size_t>(k)];
+    for (int i = 0; i < m; ++i) lt(i, a) = L(i, k);
+    for (int c = 0; c <= a; ++c) ct(a, c) = fCovariance.Get(k, touched[static_cast<std::size_t>(c)]);
   }
-  TQSymMatrix lcl(m);
-  for (int i = 0; i < m; ++i)
-    for (int j = 0; j <= i; ++j) {
-      double s = 0.0;
-      const double* lj = L.Row(j);
-      const double* ci = lc.Row(i);
-      for (int k = 0; k < p; ++k) s += ci[k] * lj[k];
-      lcl(i, j) = s;
-    }
+  const bool usable = std::all_of(bt.begin(), bt.end(), Usable) &&
+                      std::all_of(ct.Data(), ct.Data() + ct.PackedSize(), Usable);
+  if (!usable) return TQStatus::Warning(GZLStatusCode::LogLikelihoodCovarianceNotSucceed);
+  std::vector<double> lb;
+  TQSymMatrix lcl;
+  lt.ComputeRV(bt, lb);
+  ct.ComputeRSRTrans(lt, lcl);
 
   // Generalized inverse: a hypothesis row whose variance is a combination of the others' (a
   // parameter dropped during the iterations, say) counts once.
@@ -104,10 +102,7 @@ TQStatus TQModelTests::ComputeModelTest(const TQRectMatrix& L, TQModelTestStats:
   TQBitSet set;
   const int rank = lcl.CholInverse(diagonal, kTolerance, inverse, set);
   if (rank < 1) return TQStatus::Warning(GZLStatusCode::SingularHessian);
-  std::vector<double> g;
-  inverse.ComputeSV(lb, g);
-  double w = 0.0;
-  for (int i = 0; i < m; ++i) w += lb[static_cast<std::size_t>(i)] * g[static_cast<std::size_t>(i)];
+  double w = inverse.ComputeVSV(lb);
   if (!Usable(w)) return TQStatus::Warning(GZLStatusCode::LogLikelihoodCovarianceNotSucceed);
   w = std::max(w, 0.0);
   test.fChiSquare = w;
