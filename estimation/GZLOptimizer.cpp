@@ -294,7 +294,8 @@ TQStatus GZLOptimizerForGZLM::ComputeSSCP(TQSymMatrix& sscp) {
   if (fbRTransformed) {
     // Scaled columns are X A (A the back transform), so X'WX = B' (scaled X'WX) B.
     const TQRectMatrix* forward = fpSource->GetForwardTransform();
-    if (forward == nullptr || !information.ComputeRTransSR(*forward, sscp)) return TQStatus::Error(GZLStatusCode::InternalError);
+    if (forward == nullptr || !information.ComputeRTransSR(*forward, sscp))
+      return TQStatus::Error(GZLStatusCode::InternalError);
   } else {
     sscp = std::move(information);
   }

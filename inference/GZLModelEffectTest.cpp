@@ -52,8 +52,9 @@ void AddOnce(std::vector<TQStatus>& list, const TQStatus& status) {
 // ---------------------------------------------------------------------------------------------
 // Shared data
 
-GZLModelEffectTestData::GZLModelEffectTestData(const GZLSettings& settings, const std::vector<GZLEffectInfo>& effectInfo,
-                                               int nParams, const TQSymMatrix& sscp)
+GZLModelEffectTestData::GZLModelEffectTestData(const GZLSettings& settings,
+                                               const std::vector<GZLEffectInfo>& effectInfo, int nParams,
+                                               const TQSymMatrix& sscp)
     : fNParams(nParams), fTolerance(settings.GetTolerance()), fSSCP(sscp) {
   const TQConst::DistType dist = settings.GetDistType();
   fbOrdinal = dist == TQConst::DistOrdinalMultinomial;

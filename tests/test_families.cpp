@@ -627,8 +627,8 @@ TEST(FamilyReference, LogLikelihoodDevianceAndPearsonAtReferenceEstimates) {
                          "esoph_binomial_logit", "mtcars_binary_logit", "mtcars_invgauss_log",
                          "mtcars_normal_factor_by_covariate", "mtcars_normal_identity",
                          "mtcars_normal_power_link", "mtcars_normal_scaleweight", "quine_negbin_k_estimated",
-                         "quine_negbin_k_fixed", "ships_poisson_offset", "trees_gamma_inverse_pearson", "trees_gamma_log", "trees_normal_quadratic",
-                         "warpbreaks_poisson_freqweight",
+                         "quine_negbin_k_fixed", "ships_poisson_offset", "trees_gamma_inverse_pearson",
+                         "trees_gamma_log", "trees_normal_quadratic", "warpbreaks_poisson_freqweight",
                          "warpbreaks_poisson_identity", "warpbreaks_poisson_interaction",
                          "warpbreaks_poisson_pearson"};
   for (const char* name : names) {
