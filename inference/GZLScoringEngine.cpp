@@ -34,13 +34,12 @@ constexpr int kNeedLeverage = GZLScoringEngine::ScoreLEVERAGE | GZLScoringEngine
                               GZLScoringEngine::ScoreSTDDEVIANCERESID | GZLScoringEngine::ScoreLIKELIHOODRESID |
                               GZLScoringEngine::ScoreCOOK;
 
-// The leading n x n block of sign * matrix as a packed lower triangle; false (out emptied) when
-// the matrix is smaller or holds a value that cannot be used.
-bool CopyLeadingBlock(const TQSymMatrix* matrix, double sign, int n, std::vector<double>& out) {
-  out.clear();
-  if (matrix == nullptr || matrix->GetNumRows() < n) return false;
+// The leading n x n block of sign * matrix as a packed lower triangle. False (out emptied) when
+// a value cannot be used (a fit whose scale vanished has no usable covariance): the quantities
+// built on the matrix are then missing.
+bool CopyLeadingBlock(const TQSymMatrix& matrix, double sign, int n, std::vector<double>& out) {
   const std::size_t size = static_cast<std::size_t>(n) * (n + 1) / 2;
-  const double* data = matrix->Data();
+  const double* data = matrix.Data();
   out.assign(data, data + size);
   for (double& v : out) {
     if (!Usable(v)) {
@@ -51,6 +50,9 @@ bool CopyLeadingBlock(const TQSymMatrix* matrix, double sign, int n, std::vector
   }
   return true;
 }
+
+// Whether a fit's matrix covers the design row.
+bool Covers(const TQSymMatrix* matrix, int n) { return matrix != nullptr && matrix->GetNumRows() >= n; }
 
 }  // namespace
 
@@ -102,18 +104,17 @@ void GZLScoringEngine::SetFit(const GZLScoringFit& fit) {
     fEstimates = estimates;
     fbValidated = false;
     const int n = static_cast<int>(fRow.fValues.size());
-    fbHaveCovariance = CopyLeadingBlock(fit.fpCovariance, fit.fCovarianceSign, n, fCovariance);
+    fbHaveCovariance = Covers(fit.fpCovariance, n);
+    fbCovarianceUsable = fbHaveCovariance && CopyLeadingBlock(*fit.fpCovariance, fit.fCovarianceSign, n, fCovariance);
     // The model-based covariance is the inverse information itself: one matrix, and one
     // quadratic form per record, serves both.
     fbInfoIsCovariance = fit.fpInverseInformation != nullptr && fit.fpInverseInformation == fit.fpCovariance &&
                          fit.fInverseInformationSign == fit.fCovarianceSign;
-    if (fbInfoIsCovariance) {
-      fInverseInfo.clear();
-      fbHaveInverseInfo = fbHaveCovariance;
-    } else {
-      fbHaveInverseInfo =
-          CopyLeadingBlock(fit.fpInverseInformation, fit.fInverseInformationSign, n, fInverseInfo);
-    }
+    fInverseInfo.clear();
+    fbHaveInverseInfo = Covers(fit.fpInverseInformation, n);
+    fbInverseInfoUsable = fbInfoIsCovariance ? fbCovarianceUsable
+                          : fbHaveInverseInfo &&
+                                CopyLeadingBlock(*fit.fpInverseInformation, fit.fInverseInformationSign, n, fInverseInfo);
   }
   fModelType = fit.fModelType;
   fPhi = fit.fPhi;
@@ -320,7 +321,7 @@ double GZLScoringEngine::XCX() {
   if (fCache & CacheXCX) return fXCX;
   fCache |= CacheXCX;
   fXCX = kMissing;
-  if (fRow.fbInvalid || !fbHaveCovariance) return fXCX;
+  if (fRow.fbInvalid || !fbCovarianceUsable) return fXCX;
   GatherNonZero();
   const double q = QuadraticForm(fCovariance);
   if (Usable(q)) fXCX = q;
@@ -336,7 +337,7 @@ double GZLScoringEngine::XIX() {
   }
   fCache |= CacheXIX;
   fXIX = kMissing;
-  if (fRow.fbInvalid || !fbHaveInverseInfo) return fXIX;
+  if (fRow.fbInvalid || !fbInverseInfoUsable) return fXIX;
   GatherNonZero();
   const double q = QuadraticForm(fInverseInfo);
   if (Usable(q)) fXIX = q;

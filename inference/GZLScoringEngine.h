@@ -199,8 +199,11 @@ class GZLScoringEngine {
   std::vector<double> fEstimates;
   std::vector<double> fCovariance;       // packed lower triangle, P x P
   std::vector<double> fInverseInfo;      // likewise; empty when it is the covariance
+  // The fit has the matrix; and all its values can be used.
   bool fbHaveCovariance = false;
+  bool fbCovarianceUsable = false;
   bool fbHaveInverseInfo = false;
+  bool fbInverseInfoUsable = false;
   bool fbInfoIsCovariance = false;
   double fPhi = 1.0;
   double fK = TQMV::Missing;
