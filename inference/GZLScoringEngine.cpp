@@ -527,33 +527,29 @@ double GZLScoringEngine::StdFactor() {
   return fStdFactor;
 }
 
-double GZLScoringEngine::StdPearson() {
-  if (fCache & CacheStdPearson) return fStdPearson;
-  fCache |= CacheStdPearson;
-  fStdPearson = kMissing;
-  const double rp = Pearson();
-  if (TQMV::IsMissing(rp)) return fStdPearson;
-  if (rp == 0.0) return fStdPearson = 0.0;
+double GZLScoringEngine::Standardize(double r) {
+  if (TQMV::IsMissing(r)) return kMissing;
+  if (r == 0.0) return 0.0;
   const double s = StdFactor();
-  if (TQMV::IsMissing(s)) return fStdPearson;
-  fStdPearson = rp * s;
-  // A mixed-model host divides by sqrt(phi) once more, on top of the division inside the
+  if (TQMV::IsMissing(s)) return kMissing;
+  // A mixed-model host divides by sqrt(phi) once more, on top of the division inside its
   // Pearson residual (deliberate).
-  if (fModelType == GZLConst_940::GZLMMM) fStdPearson /= std::sqrt(fPhi);
+  return fModelType == GZLConst_940::GZLMMM ? r * s / std::sqrt(fPhi) : r * s;
+}
+
+double GZLScoringEngine::StdPearson() {
+  if (!(fCache & CacheStdPearson)) {
+    fCache |= CacheStdPearson;
+    fStdPearson = Standardize(Pearson());
+  }
   return fStdPearson;
 }
 
 double GZLScoringEngine::StdDeviance() {
-  if (fCache & CacheStdDeviance) return fStdDeviance;
-  fCache |= CacheStdDeviance;
-  fStdDeviance = kMissing;
-  const double rd = DevianceResid();
-  if (TQMV::IsMissing(rd)) return fStdDeviance;
-  if (rd == 0.0) return fStdDeviance = 0.0;
-  const double s = StdFactor();
-  if (TQMV::IsMissing(s)) return fStdDeviance;
-  fStdDeviance = rd * s;
-  if (fModelType == GZLConst_940::GZLMMM) fStdDeviance /= std::sqrt(fPhi);
+  if (!(fCache & CacheStdDeviance)) {
+    fCache |= CacheStdDeviance;
+    fStdDeviance = Standardize(DevianceResid());
+  }
   return fStdDeviance;
 }
 

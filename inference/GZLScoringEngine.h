@@ -161,6 +161,8 @@ class GZLScoringEngine {
   double Leverage();
   double DevianceResid();
   double StdFactor();
+  // A residual times the standardizing factor (0 stays 0).
+  double Standardize(double r);
   double StdPearson();
   double StdDeviance();
   double LikelihoodResid();
