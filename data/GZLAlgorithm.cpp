@@ -7,6 +7,7 @@
 #include "GZLSettings.h"
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
+#include "GZLMarginals.h"
 #include "GZLOutputStats.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLOmnibusTest.h"
@@ -32,6 +33,7 @@ GZLAlgorithm::~GZLAlgorithm() {
   DiscardFit();
   fpOutputStats.reset();
   fpScoringEngine.reset();
+  fpMarginals.reset();
 }
 
 std::string GZLAlgorithm::GetComponentInfo() const {
@@ -105,6 +107,7 @@ TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {
   fbInitialized = false;
   fParameters.clear();
   fpScoringEngine.reset();
+  fpMarginals.reset();
   fpDesignMatrix.reset();
   DiscardFit();
   fEffectInfo.clear();
@@ -272,7 +275,17 @@ bool GZLAlgorithm::IsModelBuilt() const {
 // The results below exist only after a fit with estimates (IsModelBuilt); the objects that
 // compute them (marginal means, output statistics, scoring engine, PMML writer) are created
 // here by the inference, scoring and export steps.
-const std::vector<std::vector<int>>* GZLAlgorithm::GetPWCombinations(int) { return nullptr; }
+const std::vector<std::vector<int>>* GZLAlgorithm::GetPWCombinations(int emmeansIndex) {
+  if (!IsModelBuilt()) return nullptr;
+  if (!fpMarginals) {
+    // Not made by the fit: none were asked for, or records were refused for the link.
+    if (fpOptimizer->IsInvalidForLink()) return nullptr;
+    fpMarginals = std::make_unique<GZLMarginals>(*fpSettings, *this, *fpDesignMatrix, fCancelInfo);
+    fpMarginals->ComputeEmmeans();
+  }
+  if (!fpMarginals->GetPWCombinations(emmeansIndex, fPWCombinations)) return nullptr;
+  return &fPWCombinations;
+}
 
 TQStatus GZLAlgorithm::GetOutputStats(const GZLOutputStats*& outputStats) {
   // Asking for results of a model that is not built leaves ModelNotBuilt as the stored status
@@ -307,6 +320,19 @@ void GZLAlgorithm::RunInference() {
     fpOmnibusTest = std::make_unique<GZLOmnibusTest>(*fpSettings, *fpDesignMatrix, *fpOptimizer);
     fpOmnibusTest->Run();
   }
+  if (!fbEstimationOnly && fpSettings->GetNEmmeansSpecs() > 0 && !fpOptimizer->IsInvalidForLink()) RunMarginalMeans();
+}
+
+void GZLAlgorithm::RunMarginalMeans() {
+  fpMarginals = std::make_unique<GZLMarginals>(*fpSettings, *this, *fpDesignMatrix, fCancelInfo);
+  AddWarning(fEmmeansWarnings, fpMarginals->ComputeEmmeans());
+  for (int i = 0; i < fpMarginals->GetNEmmeansSpecs(); ++i) {
+    AddWarning(fEmmeansWarnings, fpMarginals->GetSpecStatus(i));
+    for (const TQStatus& w : fpMarginals->GetTableWarnings(i)) AddWarning(fEmmeansWarnings, w);
+  }
+  // The output statistics exist from here on; they supply the residual degrees of freedom.
+  if (!fpOutputStats) fpOutputStats = std::make_unique<GZLOutputStats>(*fpSettings, *this);
+  AddWarning(fEmmeansWarnings, fpMarginals->SetEmmeansTesting(fpInference->GetCovarianceMatrix(), *fpOutputStats));
 }
 
 TQStatus GZLAlgorithm::PrepareEffectTests() {
@@ -367,6 +393,7 @@ void GZLAlgorithm::Display() const {
   using namespace TQDisplay_940;
   DisplayText(1, "GZLAlgorithm display start");
   if (fpDesignMatrix) fpDesignMatrix->Display();
+  if (fpMarginals) fpMarginals->Display();
   DisplayText(1, "Effect info:");
   for (std::size_t i = 0; i < fEffectInfo.size(); ++i) fEffectInfo[i].Display(static_cast<int>(i));
   DisplayText(1, "GZLAlgorithm display end");

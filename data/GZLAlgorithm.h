@@ -21,6 +21,7 @@ class GZLOptimizerForGZLM;
 class GZLInference;
 class GZLOmnibusTest;
 class GZLScoringEngine;
+class GZLMarginals;
 struct GZLScoringFit;
 
 class GZLAlgorithm : public IGZLAlgorithm {
@@ -72,6 +73,8 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // The inference object and the omnibus test of the last fit (null when not computed).
   const GZLInference* GetInference() const noexcept { return fpInference.get(); }
   const GZLOmnibusTest* GetOmnibusTest() const noexcept { return fpOmnibusTest.get(); }
+  // The marginal means of the last fit that computed them (null when none).
+  const GZLMarginals* GetMarginals() const noexcept { return fpMarginals.get(); }
   // Null before the first InitializeModel.
   GZLDesignMatrix* GetDesignMatrix() noexcept { return fpDesignMatrix.get(); }
   const GZLDesignMatrix* GetDesignMatrix() const noexcept { return fpDesignMatrix.get(); }
@@ -111,6 +114,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   void RunInference();
   // The shared data of the Wald tests of effects: X'WX of the fit (one pass) and the layout.
   TQStatus PrepareEffectTests();
+  // The marginal means of the settings' specifications on the fit; statuses to the
+  // marginal-means warnings.
+  void RunMarginalMeans();
   // Whether the last fit produced estimates.
   bool HasEstimates() const;
   // What the scoring engine takes from the last fit.
@@ -128,6 +134,8 @@ class GZLAlgorithm : public IGZLAlgorithm {
   std::unique_ptr<GZLOmnibusTest> fpOmnibusTest;
   // Created on the first Score; it reads the design matrix and goes with it.
   std::unique_ptr<GZLScoringEngine> fpScoringEngine;
+  // Replaced by every fit that computes marginal means.
+  std::unique_ptr<GZLMarginals> fpMarginals;
   // Counts the fits, so that the scoring engine knows a refit from the fit it last saw.
   long fFitCount = 0;
   std::vector<TQStatus> fBuildModelWarnings;

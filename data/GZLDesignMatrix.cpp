@@ -326,6 +326,7 @@ GZLDesignRow* GZLDesignMatrix::GetNextRow() {
       continue;
     }
     if (fbReducedModel) fRow.fValues.resize(static_cast<std::size_t>(fReducedRowSize));
+    fpCurrentRecord = record;
     return &fRow;
   }
   return nullptr;

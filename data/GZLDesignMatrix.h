@@ -59,6 +59,9 @@ class GZLDesignMatrix {
   // The next complete row of the current pass, or null at its end. With a reduced model the
   // column list is cut to the reduced size.
   GZLDesignRow* GetNextRow();
+  // The record of the row GetNextRow handed out last (null before the first): valid until the
+  // next call, for a pass that needs fields the row does not carry.
+  const Record* GetCurrentRecord() const noexcept { return fpCurrentRecord; }
   // The next covariate pattern's row with its aggregated response (binomial and multinomial
   // grouping), or null; call after BeginPass, not mixed with GetNextRow in the same pass.
   GZLDesignRow* NextPatternRow() { return fStrategies.fpSubpopulation->NextPatternRow(); }
@@ -155,6 +158,7 @@ class GZLDesignMatrix {
   double fResponseCentre = 0.0;
   double fResponseCentreCompanion = 0.0;
   IGZLRecordSource* fpSource = nullptr;
+  const Record* fpCurrentRecord = nullptr;
   int fNRecords = 0;
   int fNCompleteRecords = 0;
   double fSumFreqWeights = 0.0;

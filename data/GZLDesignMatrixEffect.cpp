@@ -85,12 +85,12 @@ int GZLDesignMatrixEffect::Finalize(int start) {
   return fNColumns;
 }
 
-int GZLDesignMatrixEffect::LookupColumn(const Record& record) noexcept {
+int GZLDesignMatrixEffect::FindColumn(const Record& record, std::vector<int>& key) const noexcept {
   for (std::size_t k = 0; k < fKeyFactors.size(); ++k) {
     const double v = Read(record, fKeyFactors[k]);
-    fKey[k] = v >= 0.0 ? static_cast<int>(v + 0.5) : -1;
+    key[k] = v >= 0.0 ? static_cast<int>(v + 0.5) : -1;
   }
-  const int column = fNFactors == 0 ? 0 : fDictionary.Lookup(fKey);
+  const int column = fNFactors == 0 ? 0 : fDictionary.Lookup(key);
   return column < 0 ? -1 : fStart + column;
 }
 

@@ -25,7 +25,10 @@ class GZLDesignMatrixEffect {
   // Row building. The column of the record within the row (start + dictionary column), or -1
   // when the combination is not in the dictionary (factor values: +0.5 truncated, a negative
   // value gives -1). Allocation free.
-  int LookupColumn(const Record& record) noexcept;
+  int LookupColumn(const Record& record) noexcept { return FindColumn(record, fKey); }
+  // The same with a key buffer of the caller's, sized to GetNFactors() (a reader of its own,
+  // outside the row building).
+  int FindColumn(const Record& record, std::vector<int>& key) const noexcept;
   // Product over the covariates of value^multiplicity with overflow-safe arithmetic; 1.0
   // without covariates; missing on a missing value or an overflow.
   double CovariateProduct(const Record& record) const noexcept;

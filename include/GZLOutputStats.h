@@ -12,6 +12,7 @@
 
 #include "GZLConst_940.h"
 #include "GZLFactorCounts.h"
+#include "GZLMarginals.h"
 #include "GZLRegrParameter.h"
 #include "support/TQModelTests.h"
 #include "support/TQRegrParameterStats.h"
@@ -92,6 +93,20 @@ class GZLOutputStats {
   const TQModelTestStats& GetTypeITestStats() const;
   const TQModelTestStats& GetTypeIIITestStats() const;
   const TQModelTestStats& GetCorrectedModelTest() const;
+
+  // ---- estimated marginal means (those of the algorithm's last fit that computed them; see
+  // GZLMarginals). Without them every getter answers InvalidEmmeansIndex. ----
+  const GZLMarginals* GetMarginals() const;
+  TQStatus GetEmmeansStats(int spec, const TQEmmeansSpec*& specOut, const TQRectMatrix*& L,
+                           std::vector<TQEmmeansStats>& stats) const;
+  int GetNEmmeansTests(int spec, TQStatus& status) const;
+  TQStatus GetEmmeansTests(int spec, int test, std::vector<std::pair<int, int>>& others, std::vector<int>& levels,
+                           TQRectMatrix& contrast, std::vector<TQTestStats>& individual, TQTestStats& overall) const;
+  int GetNPairwiseEmmeansTests(int spec, int test) const;
+  TQStatus GetPairwiseEmmeansTests(int spec, int test, std::vector<std::pair<int, int>>& others,
+                                   std::vector<int>& levels, std::vector<GZLPairwiseRecord>& records) const;
+  TQStatus GetPairwiseOverallTest(int spec, int test, std::vector<std::pair<int, int>>& others,
+                                  TQTestStats& overall) const;
 
   // ---- profile intervals ----
   TQStatus GetPLCIStatus() const;

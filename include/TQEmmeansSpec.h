@@ -42,3 +42,13 @@ struct TQEmmeansSpec {
 
   void Display() const;
 };
+
+// One estimated marginal mean: the categories of the specification's factors (in the
+// specification's order), the mean, its standard error and confidence limits.
+struct TQEmmeansStats {
+  std::vector<int> fLevels;
+  double fEstimate = TQMV::Missing;
+  double fStdError = TQMV::Missing;
+  double fLower = TQMV::Missing;
+  double fUpper = TQMV::Missing;
+};

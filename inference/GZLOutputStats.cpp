@@ -148,6 +148,51 @@ GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& 
 
 GZLOutputStats::~GZLOutputStats() = default;
 
+const GZLMarginals* GZLOutputStats::GetMarginals() const {
+  return fpImpl->fpAlgorithm != nullptr ? fpImpl->fpAlgorithm->GetMarginals() : nullptr;
+}
+
+TQStatus GZLOutputStats::GetEmmeansStats(int spec, const TQEmmeansSpec*& specOut, const TQRectMatrix*& L,
+                                         std::vector<TQEmmeansStats>& stats) const {
+  const GZLMarginals* m = GetMarginals();
+  return m ? m->GetEmmeansStats(spec, specOut, L, stats) : TQStatus::Error(GZLStatusCode::InvalidEmmeansIndex);
+}
+
+int GZLOutputStats::GetNEmmeansTests(int spec, TQStatus& status) const {
+  const GZLMarginals* m = GetMarginals();
+  if (m) return m->GetNEmmeansTests(spec, status);
+  status = TQStatus::Error(GZLStatusCode::InvalidEmmeansIndex);
+  return 0;
+}
+
+TQStatus GZLOutputStats::GetEmmeansTests(int spec, int test, std::vector<std::pair<int, int>>& others,
+                                         std::vector<int>& levels, TQRectMatrix& contrast,
+                                         std::vector<TQTestStats>& individual, TQTestStats& overall) const {
+  const GZLMarginals* m = GetMarginals();
+  return m ? m->GetEmmeansTests(spec, test, others, levels, contrast, individual, overall)
+           : TQStatus::Error(GZLStatusCode::InvalidEmmeansIndex);
+}
+
+int GZLOutputStats::GetNPairwiseEmmeansTests(int spec, int test) const {
+  const GZLMarginals* m = GetMarginals();
+  return m ? m->GetNPairwiseEmmeansTests(spec, test) : 0;
+}
+
+TQStatus GZLOutputStats::GetPairwiseEmmeansTests(int spec, int test, std::vector<std::pair<int, int>>& others,
+                                                 std::vector<int>& levels,
+                                                 std::vector<GZLPairwiseRecord>& records) const {
+  const GZLMarginals* m = GetMarginals();
+  return m ? m->GetPairwiseEmmeansTests(spec, test, others, levels, records)
+           : TQStatus::Error(GZLStatusCode::InvalidEmmeansIndex);
+}
+
+TQStatus GZLOutputStats::GetPairwiseOverallTest(int spec, int test, std::vector<std::pair<int, int>>& others,
+                                                TQTestStats& overall) const {
+  const GZLMarginals* m = GetMarginals();
+  return m ? m->GetPairwiseOverallTest(spec, test, others, overall)
+           : TQStatus::Error(GZLStatusCode::InvalidEmmeansIndex);
+}
+
 // ---- estimates ----
 const std::vector<double>& GZLOutputStats::GetParamEstimates() const { return fpImpl->fParamEstimates; }
 const std::vector<TQRegrParameter>& GZLOutputStats::GetParameters() const { return fpImpl->fParameters; }

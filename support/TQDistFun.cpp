@@ -75,6 +75,26 @@ double CdfF(double x, double df1, double df2) {
   }
 }
 
+double SfChi(double x, double df) {
+  if (Bad(x) || !ValidDf(df)) return TQMV::Missing;
+  if (x <= 0.0) return 1.0;
+  try {
+    return CheckedProb(boost::math::cdf(boost::math::complement(ChiSq(df), x)));
+  } catch (const std::exception&) {
+    return TQMV::Missing;
+  }
+}
+
+double SfF(double x, double df1, double df2) {
+  if (Bad(x) || !ValidDf(df1) || !ValidDf(df2)) return TQMV::Missing;
+  if (x <= 0.0) return 1.0;
+  try {
+    return CheckedProb(boost::math::cdf(boost::math::complement(FisherF(df1, df2), x)));
+  } catch (const std::exception&) {
+    return TQMV::Missing;
+  }
+}
+
 double CdfT(double x, double df) {
   if (Bad(x) || !ValidDf(df)) return TQMV::Missing;
   try {

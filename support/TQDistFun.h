@@ -7,6 +7,9 @@ double CdfChi(double x, double df);          // P(X <= x), X ~ chi-square(df)
 double CdfF(double x, double df1, double df2);
 double CdfT(double x, double df);
 double CdfStdNorm(double x);
+// Upper tails P(X > x), with full relative precision far out where 1 - cdf would be 0.
+double SfChi(double x, double df);
+double SfF(double x, double df1, double df2);
 double IdfChi(double p, double df);          // quantile
 double IdfT(double p, double df);
 double IdfNorm(double p, double mean, double sd);
