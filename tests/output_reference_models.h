@@ -89,14 +89,17 @@ struct ReferenceCase {
   std::string problem;
 };
 
-inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10) {
+// dataDir: the folder of the case's data file (the reference data folder when empty).
+inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10,
+                                               const std::string& dataDir = "") {
   auto c = std::make_unique<ReferenceCase>();
   std::ifstream in(jsonPath);
   const nlohmann::json j = nlohmann::json::parse(in);
   c->name = j["name"];
   c->model = j["model"];
   c->expected = j["expected"];
-  c->source = std::make_unique<TableSource>(RefDir() + "/data/" + j["data"].get<std::string>());
+  c->source = std::make_unique<TableSource>((dataDir.empty() ? RefDir() + "/data" : dataDir) + "/" +
+                                            j["data"].get<std::string>());
   const auto& m = c->model;
   TableSource& src = *c->source;
   GZLSettings& s = c->settings;

@@ -1,0 +1,302 @@
+#include "gee/GEEAlgorithm.h"
+
+#include <algorithm>
+
+#include "GZLConst_940.h"
+#include "GZLOutputStats.h"
+#include "GZLSettings.h"
+#include "data/GZLAlgorithm.h"
+#include "estimation/GZLDesignRowSource.h"
+#include "estimation/GZLOptimizer.h"
+#include "estimation/GZLStatFactory.h"
+#include "gee/GEEDesignMatrix.h"
+#include "gee/GEEOptimizer.h"
+#include "inference/GZLInference.h"
+#include "support/TQDisplay_940.h"
+
+namespace {
+
+// The host's source as the inner GZLM fit reads it: records whose subject or within-subject
+// values the GEE design refuses are left out, so that the initial values (and an initial scale
+// taken from the inner fit) come from the records the GEE fit uses.
+class GroupedRecordSource final : public IGZLRecordSource {
+ public:
+  GroupedRecordSource(IGZLRecordSource& source, const GEEDesignMatrix& design) noexcept
+      : fpSource(&source), fpDesign(&design) {}
+  bool HasMoreRecords() override { return fpSource->HasMoreRecords(); }
+  const Record* NextRecord() override {
+    while (fpSource->HasMoreRecords()) {
+      const Record* record = fpSource->NextRecord();
+      if (record != nullptr && fpDesign->IsValidGrouping(*record)) return record;
+    }
+    return nullptr;
+  }
+  int Rewind() override { return fpSource->Rewind(); }
+
+ private:
+  IGZLRecordSource* fpSource;
+  const GEEDesignMatrix* fpDesign;
+};
+
+}  // namespace
+
+GEEAlgorithm::GEEAlgorithm(const GZLSettings& settings, std::unique_ptr<GZLAlgorithm> inner)
+    : fpSettings(&settings), fpInner(std::move(inner)) {
+  fCancelInfo.fpCancel = settings.GetCancelPointer();
+  if (!settings.IsValid()) fStatus = TQStatus::Error(GZLStatusCode::InvalidSettings);
+}
+
+GEEAlgorithm::~GEEAlgorithm() {
+  // Owned objects go first, in a fixed order; the lists follow with the members.
+  fpDesignMatrix.reset();
+  fpOptimizer.reset();
+  fpInference.reset();
+  fpOutputStats.reset();
+  fpInner.reset();
+}
+
+std::string GEEAlgorithm::GetComponentInfo() const {
+  return "gzl 0.1: generalized linear models and generalized estimating equations\n"
+         "Copyright (c) the gzl developers. All rights reserved.";
+}
+
+GZLOptimizer* GEEAlgorithm::GetOptimizer() const { return fpOptimizer.get(); }
+
+bool GEEAlgorithm::IsModelBuilt() const {
+  if (fStatus.IsError()) return false;
+  return fpOptimizer != nullptr && fpOptimizer->IsEstimated();
+}
+
+TQStatus GEEAlgorithm::InitializeModel(IGZLRecordSource& source) {
+  if (!source.HasMoreRecords()) return TQStatus::Error(GZLStatusCode::NoValidRecords);
+  if (!fpSettings->IsValid()) return fStatus = TQStatus::Error(GZLStatusCode::InvalidSettings);
+  fbSetupDone = false;
+  fParameters.clear();
+  fTargetCategories.clear();
+  fEffectInfo.clear();
+  fWSCombinations.clear();
+  fpOptimizer.reset();
+  fpInference.reset();
+  fpDesignMatrix = std::make_unique<GEEDesignMatrix>(*fpSettings);
+  TQStatus status;
+  fpDesignMatrix->RunDictionaryPass(status, source);
+  if (!status.IsError()) {
+    const IGEENumSubject& counter = fpDesignMatrix->GetSubjectCounter();
+    if (counter.IsRepeatedWithinSubject())
+      status = TQStatus::Error(GZLStatusCode::CasesWithSameSubjWS);
+    else if (counter.IsMixedWeight())
+      status = TQStatus::Error(GZLStatusCode::CasesWithDiffFW);
+  }
+  fStatus = status;
+  if (status.IsError()) return fStatus;
+  fpDesignMatrix->NumberWSCombinations();
+  fpDesignMatrix->GetSubjectCounter().Compute();
+  fFactorCounts = fpDesignMatrix->GetFactorCounts();
+  for (int i = 0; i < fpDesignMatrix->GetNumEffects(); ++i) {
+    const GZLDesignMatrixEffect& effect = fpDesignMatrix->GetEffect(i);
+    GZLEffectInfo info;
+    info.fIndex = i;
+    info.fStart = effect.GetStart();
+    info.fNValues = effect.GetNColumns();
+    info.fCombinations = effect.GetCombinations();
+    fEffectInfo.push_back(std::move(info));
+  }
+  fWSCombinations = fpDesignMatrix->GetWSCombinations();
+  BuildParameterList();
+  fbSetupDone = true;
+  return fStatus;
+}
+
+void GEEAlgorithm::BuildParameterList() {
+  TQRegrParameter parameter;
+  parameter.SetTargetCategory(-1);
+  if (fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial) {
+    // One threshold per observed category; the highest observed one is the reference.
+    const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
+    const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
+    for (int c = 0; c < k; ++c) {
+      if (!((*counts)[static_cast<std::size_t>(c)].first > 0.0)) continue;
+      parameter.SetTargetCategory(c);
+      fParameters.push_back(parameter);
+      fTargetCategories.push_back(c);
+    }
+    if (!fParameters.empty()) fParameters.pop_back();
+    parameter.SetTargetCategory(-1);
+  } else if (fpSettings->GetInterceptUse()) {
+    fParameters.push_back(parameter);
+  }
+  const std::vector<GZLModelEffect>& effects = fpSettings->GetModelEffects();
+  for (std::size_t i = 0; i < effects.size() && i < fEffectInfo.size(); ++i) {
+    TQRegrParameter p;
+    p.SetTargetCategory(-1);
+    if (!p.SetupFromEffect(effects[i], static_cast<int>(i))) p.SetEffectIndex(static_cast<int>(i));
+    const GZLEffectInfo& info = fEffectInfo[i];
+    if (info.fNValues == 1 && p.GetNFactors() == 0) {
+      fParameters.push_back(p);
+      continue;
+    }
+    for (int column = 0; column < info.fNValues; ++column) {
+      p.GetCategories() = info.fCombinations[static_cast<std::size_t>(column)];
+      fParameters.push_back(p);
+    }
+  }
+}
+
+bool GEEAlgorithm::RunInnerFit(IGZLRecordSource& source, TQStatus& status) {
+  fpInnerSource = std::make_unique<GroupedRecordSource>(source, *fpDesignMatrix);
+  fpInner->SetEstimationOnly(true);
+  fpInner->SetReportIterations(false);
+  fpInner->BuildModel(*fpInnerSource);
+  const TQStatus inner = fpInner->GetStatus();
+  if (inner.IsError() || inner.GetErrorCode() == GZLStatusCode::AllInvalidRecordsForLinkFunction) return false;
+  const GZLOptimizerForGZLM* optimizer = fpInner->GetGZLOptimizer();
+  if (optimizer == nullptr || !optimizer->IsEstimated()) return false;
+  if (optimizer->IsInvalidForLink()) status = TQStatus::Warning(GZLStatusCode::InvalidRecordsForLinkFunction);
+  return true;
+}
+
+TQStatus GEEAlgorithm::DesignRedundancy(TQBitSet& inModel) {
+  GZLDesignRowSource rows(*fpDesignMatrix);
+  GZLStatFactory factory(rows, *fpSettings);
+  TQStatus status = factory.GetStatus();
+  if (status.IsError()) return status;
+  TQSymMatrix xx;
+  factory.ComputeCrossProducts(status, xx);
+  if (status.IsError()) return status;
+  const int P = fpDesignMatrix->GetNumOfParams();
+  std::vector<double> diagonal;
+  xx.GetDiagonal(diagonal);
+  inModel = TQBitSet(P, false);
+  xx.Sweep(0, P, fpSettings->GetTolerance(), diagonal, inModel);
+  inModel.Resize(P, false);
+  return status;
+}
+
+TQStatus GEEAlgorithm::ComputeInitialValues(IGZLRecordSource& source) {
+  const GZLSettings& s = *fpSettings;
+  const TQStatus failed = TQStatus::Error(GZLStatusCode::InitialValueFailed);
+  const int P = fpDesignMatrix->GetNumOfParams();
+  int p = P;
+  std::vector<double> init;
+  TQBitSet inModel(P, true);
+  TQStatus status;
+  if (fpInner && s.GetMaxIterations() > 0) {
+    if (!RunInnerFit(source, status)) return failed;
+    const GZLOptimizerForGZLM& inner = *fpInner->GetGZLOptimizer();
+    if (s.GetDistType() == TQConst::DistNegBinomial) fpOptimizer->SetK(inner.GetK());
+    init = inner.GetParamEstimates();
+    p = inner.GetNumNonRedundant();
+    init.push_back(inner.GetPhi());
+    inModel = inner.GetInitRedunInfo();
+  } else {
+    init = s.GetInitParams();
+    if (s.GetScaleType() == GZLConst_940::ScaleFixed) init.push_back(s.GetScaleValue());
+    if (fpInner && !RunInnerFit(source, status)) return failed;
+    // The host's values of aliased columns do not count: they start at 0.
+    const TQStatus redundancy = DesignRedundancy(inModel);
+    if (redundancy.IsError()) return redundancy.GetErrorCode() == GZLStatusCode::Cancelled ? redundancy : failed;
+    p = inModel.Count();
+    for (int j = 0; j < P && j < static_cast<int>(init.size()); ++j)
+      if (!inModel.Test(j)) init[static_cast<std::size_t>(j)] = 0.0;
+  }
+  if (static_cast<int>(init.size()) != P + 1) return failed;
+  fpOptimizer->SetInitialRedundancy(inModel);
+  if (!fpOptimizer->SetInitialParameters(init, p)) return failed;
+  return status;
+}
+
+TQStatus GEEAlgorithm::BuildModel(IGZLRecordSource& source) {
+  if (!source.HasMoreRecords()) return fStatus = TQStatus::Error(GZLStatusCode::NoValidRecords);
+  if (!fbSetupDone) InitializeModel(source);
+  fpOptimizer.reset();
+  fpInference.reset();
+  // A new fit replaces the warnings of the previous one.
+  fEstimationWarnings.clear();
+  fEffectTestWarnings.clear();
+  fEmmeansWarnings.clear();
+  if (fStatus.IsError() || !fbSetupDone) return fStatus;
+
+  // The rewind result is not checked here: the first pass asks again and ends with NewPass.
+  source.Rewind();
+  fpDesignMatrix->SetRecordSource(&source);
+  fpOptimizer = std::make_unique<GEEOptimizer>(*fpDesignMatrix, *fpSettings);
+  const TQStatus initial = ComputeInitialValues(source);
+  if (initial.IsError()) {
+    fStatus = initial.GetErrorCode() == GZLStatusCode::Cancelled ? initial
+                                                                   : TQStatus::Error(GZLStatusCode::InitialValueFailed);
+    return fStatus;
+  }
+  GZLAlgorithm::AddWarning(fEstimationWarnings, initial);
+
+  TQStatus status = fpOptimizer->Run();
+  if (status.IsError() && fpOptimizer->IsFailure() && fpInner && fpInner->GetStatus().IsWarning())
+    status = TQStatus::Error(fpInner->GetStatus().GetErrorCode());
+  if (fpInner && fpSettings->GetMaxIterations() == 0 && !status.IsError()) {
+    // The inner fit evaluated its initial values without iterating: the fit starts once more
+    // from them, with the settings' scale, silently.
+    std::vector<double> restart = fpInner->GetGZLOptimizer()->GetParamEstimates();
+    restart.push_back(fpSettings->GetScaleValue());
+    if (fpOptimizer->SetInitialParameters(restart, fpOptimizer->GetNonRedundantCount())) {
+      fpOptimizer->SetK(fpSettings->GetDistParam());
+      fpOptimizer->SetReportProgress(false);
+      status = fpOptimizer->Run();
+    }
+  }
+  if (!status.IsError() && fpOptimizer->GetPhi() > 0.0) {
+    const TQStatus robust = fpOptimizer->ComputeRobustCovariance();
+    if (robust.IsError()) status = robust;
+  }
+  for (const TQStatus& w : fpOptimizer->GetWarnings()) GZLAlgorithm::AddWarning(fEstimationWarnings, w);
+  fStatus = status;
+  RunInference();
+  return fStatus;
+}
+
+void GEEAlgorithm::RunInference() {
+  if (fStatus.IsError() || !fpOptimizer || !fpOptimizer->IsEstimated()) return;
+  fpInference = std::make_unique<GZLInference>(*fpSettings);
+  const TQStatus inference = fpInference->ComputeGEE(*fpOptimizer);
+  GZLAlgorithm::AddWarning(fEstimationWarnings, inference);
+  // The Wald tests of model effects attach to the inference object here (unless records were
+  // invalid for the link); the generalized score tests and the marginal means follow them.
+}
+
+const std::vector<std::vector<int>>* GEEAlgorithm::GetPWCombinations(int) { return nullptr; }
+
+TQStatus GEEAlgorithm::GetOutputStats(const GZLOutputStats*& outputStats) {
+  if (!IsModelBuilt()) return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  if (!fpOutputStats) fpOutputStats = std::make_unique<GZLOutputStats>(*fpSettings, *this);
+  outputStats = fpOutputStats.get();
+  return fStatus = TQStatus();
+}
+
+TQStatus GEEAlgorithm::Score(const Record&, GZLScoreStats&, const int*) {
+  // The scoring engine takes the final estimates, the inference object's covariance and k from
+  // here once it exists; until then no record can be scored.
+  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+}
+
+TQStatus GEEAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const TQApplicInfo4XML*) {
+  // No document is written for a GEE model; the request only makes sure the output statistics
+  // exist.
+  if (!IsModelBuilt()) return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  const GZLOutputStats* stats = nullptr;
+  if (!fpOutputStats) return GetOutputStats(stats);
+  return TQStatus();
+}
+
+void GEEAlgorithm::Display() const {
+  using namespace TQDisplay_940;
+  DisplayText(1, "GEEAlgorithm display start");
+  DisplayText(1, "Effect info:");
+  for (std::size_t i = 0; i < fEffectInfo.size(); ++i) {
+    const GZLEffectInfo& info = fEffectInfo[i];
+    DisplayI("info no.", static_cast<int>(i));
+    DisplayI("index", info.fIndex);
+    DisplayI("start", info.fStart);
+    DisplayI("number of values", info.fNValues);
+    DisplayText(1, "combinations:");
+    for (const std::vector<int>& c : info.fCombinations) DisplayIV("", c);
+  }
+  DisplayText(1, "GEEAlgorithm display end");
+}
