@@ -180,8 +180,12 @@ TQStatus GEEAlgorithm::ComputeInitialValues(IGZLRecordSource& source) {
   std::vector<double> init;
   TQBitSet inModel(P, true);
   TQStatus status;
+  // A cancel during the inner fit ends the fit as cancelled.
+  auto innerFailure = [&]() {
+    return fpInner->GetStatus().GetErrorCode() == GZLStatusCode::Cancelled ? fpInner->GetStatus() : failed;
+  };
   if (fpInner && s.GetMaxIterations() > 0) {
-    if (!RunInnerFit(source, status)) return failed;
+    if (!RunInnerFit(source, status)) return innerFailure();
     const GZLOptimizerForGZLM& inner = *fpInner->GetGZLOptimizer();
     if (s.GetDistType() == TQConst::DistNegBinomial) fpOptimizer->SetK(inner.GetK());
     init = inner.GetParamEstimates();
@@ -191,7 +195,7 @@ TQStatus GEEAlgorithm::ComputeInitialValues(IGZLRecordSource& source) {
   } else {
     init = s.GetInitParams();
     if (s.GetScaleType() == GZLConst_940::ScaleFixed) init.push_back(s.GetScaleValue());
-    if (fpInner && !RunInnerFit(source, status)) return failed;
+    if (fpInner && !RunInnerFit(source, status)) return innerFailure();
     // The host's values of aliased columns do not count: they start at 0.
     const TQStatus redundancy = DesignRedundancy(inModel);
     if (redundancy.IsError()) return redundancy.GetErrorCode() == GZLStatusCode::Cancelled ? redundancy : failed;

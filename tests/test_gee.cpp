@@ -74,6 +74,7 @@ Fit RunFit(const GZLSettings& settings, IGZLRecordSource& source) {
   Fit f;
   f.algorithm.reset(GZLFactory::CreateAlgorithm(settings, false));
   if (!f.algorithm) return f;
+  source.Rewind();
   f.status = f.algorithm->BuildModel(source);
   if (f.algorithm->IsModelBuilt()) f.algorithm->GetOutputStats(f.stats);
   return f;
@@ -87,6 +88,7 @@ GZLSettings SmallModel(GZLConst_940::CorrType corr, bool sorted = false, bool wi
   s.SetLinkType(TQConst::LinkIdentity);
   s.SetScaleType(GZLConst_940::ScaleMLE);
   s.SetDependent(0);
+  s.SetInterceptUse(true);
   s.AddCovariate(3);
   GZLModelEffect effect(0, 1, &s.GetCovariates());
   effect.AddCovariate(3);
@@ -114,6 +116,7 @@ class CancelAfter : public TQQueryCancel {
  public:
   explicit CancelAfter(int n) : fLeft(n) {}
   bool IsCancelled() override { return --fLeft < 0; }
+  int Left() const { return fLeft; }
 
  private:
   int fLeft;
@@ -182,5 +185,219 @@ TEST(GEE, ReferenceFits) {
       const auto& w = f.algorithm->GetBuildModelWarnings();
       EXPECT_NE(std::find(w.begin(), w.end(), TQStatus::Warning(GZLStatusCode::LoopIterLargeMaxIter)), w.end());
     }
+  }
+}
+
+TEST(GEE, SubjectCounting) {
+  // Subject keys 1, 1, 2, 1 with within-subject values 0, 1, 0, 2.
+  const std::vector<std::vector<double>> rows = {{1.0, 1, 0, 0.1}, {2.0, 1, 1, 0.7}, {1.5, 2, 0, 0.3}, {2.5, 1, 2, 0.9},
+                                                 {0.5, 3, 0, 0.2}, {1.1, 3, 1, 0.5}, {1.9, 4, 0, 0.8}, {0.7, 4, 2, 0.4}};
+  for (const bool sorted : {false, true}) {
+    SCOPED_TRACE(sorted ? "sorted" : "unsorted");
+    GZLSettings s = SmallModel(GZLConst_940::Exchangeable, sorted);
+    GZLMemorySource source(rows);
+    Fit f = RunFit(s, source);
+    ASSERT_NE(f.stats, nullptr) << f.status.GetErrorCode();
+    // Unsorted: a key seen again after another starts a subject (runs 2, 1, 1, 2, 2); sorted:
+    // distinct keys (3, 1, 2, 2). The estimation passes take runs either way.
+    EXPECT_EQ(f.stats->GetNumberOfSubjects(), sorted ? 4 : 5);
+    EXPECT_EQ(f.stats->GetMinMeasurePerSubject(), 1);
+    EXPECT_EQ(f.stats->GetMaxMeasurePerSubject(), sorted ? 3 : 2);
+    EXPECT_EQ(f.stats->GetMaxGroupSize(), 3);  // within-subject values 0, 1, 2
+    static double slope = 0.0;
+    if (!sorted)
+      slope = f.stats->GetParamEstimates()[1];
+    else
+      EXPECT_EQ(f.stats->GetParamEstimates()[1], slope);
+  }
+  // Repeated within-subject values fail the setup pass in either mode; so do different
+  // frequency weights inside a subject.
+  for (const bool sorted : {false, true}) {
+    std::vector<std::vector<double>> repeated = rows;
+    repeated[1][2] = 0.0;
+    GZLSettings s = SmallModel(GZLConst_940::Exchangeable, sorted);
+    GZLMemorySource source(repeated);
+    EXPECT_EQ(RunFit(s, source).status.GetErrorCode(), GZLStatusCode::CasesWithSameSubjWS);
+    std::vector<std::vector<double>> weighted = rows;
+    for (auto& r : weighted) r.push_back(2.0);
+    weighted[1][4] = 3.0;
+    GZLSettings w = SmallModel(GZLConst_940::Exchangeable, sorted);
+    ASSERT_TRUE(w.SetFrequencyWeightVar(4));
+    GZLMemorySource wsource(weighted);
+    const TQStatus st = RunFit(w, wsource).status;
+    EXPECT_EQ(st.GetErrorCode(), GZLStatusCode::CasesWithDiffFW);
+    EXPECT_TRUE(st.IsError());
+  }
+  // A missing weight differs from any weight, another missing one included; equal weights never.
+  for (const bool sorted : {false, true}) {
+    auto counter = [&]() -> std::unique_ptr<IGEENumSubject> {
+      if (sorted) return std::make_unique<GEENumSubjSorted>(std::vector<int>{0}, std::vector<int>{}, 1);
+      return std::make_unique<GEENumSubjUnSorted>(std::vector<int>{0}, std::vector<int>{}, 1);
+    };
+    auto mixed = [&](double a, double b) {
+      auto c = counter();
+      const double r1[] = {1.0, a}, r2[] = {1.0, b};
+      c->AddRecord(Record(r1, 2));
+      c->AddRecord(Record(r2, 2));
+      return c->IsMixedWeight();
+    };
+    EXPECT_TRUE(mixed(2.0, TQMV::Missing));
+    EXPECT_TRUE(mixed(TQMV::Missing, TQMV::Missing));
+    EXPECT_FALSE(mixed(2.0, 2.0));
+  }
+}
+
+TEST(GEE, SingleRecordSubjectsAndMissingSubject) {
+  // Every subject of one record: no pairs, R is the identity and the fit is the independence
+  // fit. A record whose subject value is missing is left out.
+  std::vector<std::vector<double>> rows;
+  for (const auto& r : SmallData(30, 3))
+    if (r[2] == 0.0) rows.push_back(r);
+  rows.push_back({5.0, TQMV::Missing, 0.0, 0.2});
+  GZLSettings exch = SmallModel(GZLConst_940::Exchangeable);
+  GZLSettings indep = SmallModel(GZLConst_940::Independent);
+  GZLMemorySource a(rows), b(rows);
+  Fit fe = RunFit(exch, a), fi = RunFit(indep, b);
+  ASSERT_NE(fe.stats, nullptr);
+  ASSERT_NE(fi.stats, nullptr);
+  EXPECT_EQ(fe.stats->GetNumOfRecords(), 30);
+  EXPECT_EQ(fe.stats->GetWorkCorrelationMatrix().GetNumRows(), 1);
+  for (int j = 0; j < 2; ++j) {
+    EXPECT_NEAR(fe.stats->GetParamEstimates()[j], fi.stats->GetParamEstimates()[j], 1e-12);
+    EXPECT_NEAR(fe.stats->GetParamStats()[j].GetStdError(), fi.stats->GetParamStats()[j].GetStdError(), 1e-12);
+  }
+  // One subject with a single record among full ones fits too.
+  std::vector<std::vector<double>> mixedRows = SmallData(20, 4);
+  mixedRows.push_back({1.2, 20, 1, 0.4});
+  GZLSettings s = SmallModel(GZLConst_940::AR1);
+  GZLMemorySource m(mixedRows);
+  Fit fm = RunFit(s, m);
+  ASSERT_NE(fm.stats, nullptr) << fm.status.GetErrorCode();
+  EXPECT_EQ(fm.stats->GetNumberOfSubjects(), 21);
+  EXPECT_EQ(fm.stats->GetMinMeasurePerSubject(), 1);
+}
+
+TEST(GEE, FixedCorrelation) {
+  const auto rows = SmallData(25, 3);
+  auto fit = [&](std::vector<double> values) {
+    GZLSettings s = SmallModel(GZLConst_940::FixedCorr);
+    s.SetWorkCorrMatrix(std::move(values));
+    GZLMemorySource source(rows);
+    Fit f = RunFit(s, source);
+    return std::make_pair(f.status, f.stats != nullptr && f.stats->GetRTransformedIndicator());
+  };
+  // Not positive definite: used after the transform to a positive definite matrix.
+  const auto [status, transformed] = fit({0.9, 0.9, 0.0});
+  EXPECT_FALSE(status.IsError()) << status.GetErrorCode();
+  EXPECT_TRUE(transformed);
+  EXPECT_FALSE(fit({0.5, 0.4, 0.5}).second);
+  EXPECT_EQ(fit({0.5, 0.4, 0.5, 0.1}).first.GetErrorCode(), GZLStatusCode::CorrFixedNumberMismatch);
+  EXPECT_EQ(fit({0.5, -0.2, 0.5}).first.GetErrorCode(), GZLStatusCode::CorrFixedNumberOutRange);
+}
+
+TEST(GEE, InitialValues) {
+  const auto rows = SmallData(25, 3);
+  GZLSettings s = SmallModel(GZLConst_940::Exchangeable);
+  GZLMemorySource source(rows);
+  Fit reference = RunFit(s, source);
+  ASSERT_NE(reference.stats, nullptr);
+  // Without GZLM iterations, initial values or likelihood-ratio tests there is no inner fit
+  // and no initial value.
+  GZLSettings none = SmallModel(GZLConst_940::Exchangeable);
+  ASSERT_TRUE(none.SetMaxIterations(0));
+  EXPECT_EQ(RunFit(none, source).status.GetErrorCode(), GZLStatusCode::InitialValueFailed);
+  // The host's values: P estimates and phi; one short fails.
+  GZLSettings host = SmallModel(GZLConst_940::Exchangeable);
+  ASSERT_TRUE(host.SetMaxIterations(0));
+  host.SetInitParams({0.5, 0.1});
+  EXPECT_EQ(RunFit(host, source).status.GetErrorCode(), GZLStatusCode::InitialValueFailed);
+  host.SetInitParams({0.5, 0.1, 1.0});
+  Fit f = RunFit(host, source);
+  ASSERT_NE(f.stats, nullptr) << f.status.GetErrorCode();
+  for (int j = 0; j < 2; ++j)
+    EXPECT_NEAR(f.stats->GetParamEstimates()[j], reference.stats->GetParamEstimates()[j], 1e-6);
+  // No GEE iterations: one pass at the initial values.
+  GZLSettings once = SmallModel(GZLConst_940::Exchangeable);
+  ASSERT_TRUE(once.SetGEEMaxIterations(0));
+  Fit g = RunFit(once, source);
+  ASSERT_NE(g.stats, nullptr);
+  EXPECT_EQ(g.stats->GetEstimStopCriterion(), GZLConst_940::NoIterations);
+  EXPECT_EQ(g.algorithm->GetOptimizer()->GetIterationNumber(), 0);
+}
+
+TEST(GEE, CancelledDuringAPass) {
+  const auto rows = SmallData(25, 3);
+  // How often a whole fit asks; then cancels in the dictionary pass, the inner fit, and a
+  // record of a late GEE pass.
+  CancelAfter counter(1 << 30);
+  GZLSettings counted = SmallModel(GZLConst_940::AR1);
+  counted.SetCancelPointer(&counter);
+  GZLMemorySource all(rows);
+  ASSERT_TRUE(RunFit(counted, all).algorithm->IsModelBuilt());
+  const int total = (1 << 30) - counter.Left();
+  ASSERT_GT(total, 600);
+  for (const int polls : {40, 120, total - 40}) {
+    CancelAfter cancel(polls);
+    GZLSettings s = SmallModel(GZLConst_940::AR1);
+    s.SetCancelPointer(&cancel);
+    GZLMemorySource source(rows);
+    Fit f = RunFit(s, source);
+    EXPECT_EQ(f.status.GetErrorCode(), GZLStatusCode::Cancelled) << polls;
+    EXPECT_FALSE(f.algorithm->IsModelBuilt());
+    const GZLOutputStats* stats = nullptr;
+    EXPECT_EQ(f.algorithm->GetOutputStats(stats).GetErrorCode(), GZLStatusCode::ModelNotBuilt);
+  }
+}
+
+TEST(GEE, QuasiLikelihoodTerms) {
+  std::unique_ptr<IGEEQuasiLikeliHoodFunc> poisson(CreateGEEQuasiLikeliHoodFunc(TQConst::DistPoisson, 0.0));
+  poisson->SetPhi(1.0);
+  EXPECT_EQ(poisson->accumulate(0.0, 0.0, 1.0, 1.0, 1.0), 0.0);
+  EXPECT_EQ(poisson->accumulate(2.0, 0.0, 1.0, 1.0, 1.0), 0.0);  // skipped
+  std::unique_ptr<IGEEQuasiLikeliHoodFunc> tweedie(CreateGEEQuasiLikeliHoodFunc(TQConst::DistTweedie, 1.5));
+  tweedie->SetPhi(1.0);
+  EXPECT_DOUBLE_EQ(tweedie->accumulate(1.0, 1.0, 1.0, 1.0, 1.0), -4.0);
+  std::unique_ptr<IGEEQuasiLikeliHoodFunc> binomial(CreateGEEQuasiLikeliHoodFunc(TQConst::DistBinomial, 0.0));
+  binomial->SetPhi(1.0);
+  EXPECT_TRUE(TQMV::IsMissing(binomial->accumulate(0.3, 1.0, 1.0, 1.0, 1.0)));
+  EXPECT_EQ(binomial->GetSum(), 0.0);
+  std::unique_ptr<IGEEQuasiLikeliHoodFunc> normal(CreateGEEQuasiLikeliHoodFunc(TQConst::DistNormal, 0.0));
+  normal->SetPhi(2.0);
+  EXPECT_DOUBLE_EQ(normal->accumulate(3.0, 1.0, 1.0, 1.0, 1.0), -1.0);
+  EXPECT_EQ(CreateGEEQuasiLikeliHoodFunc(TQConst::DistOrdinalMultinomial, 0.0), nullptr);
+}
+
+TEST(GEE, CorrelationSumsScaleFree) {
+  // The factor is a power of 16 picked from the largest residual; sums gathered at different
+  // factors merge into exactly the sums at the common one.
+  EXPECT_EQ(GEEWorkCorrelation::ScaleFactor(1.0), 1.0);
+  EXPECT_EQ(GEEWorkCorrelation::ScaleFactor(20.0), 1.0 / 256.0);
+  EXPECT_EQ(GEEWorkCorrelation::ScaleFactor(0.5), 16.0);
+  EXPECT_EQ(GEEWorkCorrelation::ScaleFactor(1e200), std::ldexp(1.0, -160));
+  EXPECT_EQ(GEEWorkCorrelation::Correlation(3.0, 1.0, 2.0), 0.9999);
+  EXPECT_EQ(GEEWorkCorrelation::Correlation(3.0, 0.0, 2.0), 0.0);
+  for (const double size : {1e200, 1.0, 1e-200}) {
+    const double r[] = {0.7 * size, -0.2 * size, 1.3 * size, 0.4 * size};
+    auto add = [&](GEECorrelationMoments& m, int from, int to) {
+      double largest = 0.0;
+      for (int k = from; k < to; ++k) largest = std::max(largest, std::fabs(r[k]));
+      m.Rescale(largest);
+      for (int k = from; k + 1 < to; ++k) {
+        m.fSP[0] += (r[k] * m.fFactor) * (r[k + 1] * m.fFactor);
+        m.fS2 += (r[k] * m.fFactor) * (r[k] * m.fFactor);
+      }
+    };
+    GEECorrelationMoments whole, first, second;
+    whole.Reset(1);
+    first.Reset(1);
+    second.Reset(1);
+    add(whole, 0, 2);
+    add(whole, 2, 4);
+    add(first, 0, 2);
+    add(second, 2, 4);
+    first.Merge(second);
+    EXPECT_EQ(first.fSP[0], whole.fSP[0]);
+    EXPECT_EQ(first.fS2, whole.fS2);
+    EXPECT_NEAR(whole.fSP[0] / whole.fS2, (0.7 * -0.2 + 1.3 * 0.4) / (0.49 + 1.69), 1e-15);
   }
 }
