@@ -66,6 +66,7 @@ class GEEAlgorithm : public IGZLAlgorithm {
   // Null before the first setup pass / fit.
   const GEEDesignMatrix* GetDesignMatrix() const noexcept { return fpDesignMatrix.get(); }
   const GEEOptimizer* GetGEEOptimizer() const noexcept { return fpOptimizer.get(); }
+  GEEOptimizer* GetGEEOptimizer() noexcept { return fpOptimizer.get(); }
   // The inference object of the last fit: the covariance chosen for inference (robust or
   // model-based, as the settings' GetCovbType says), both covariances, the parameter rows and
   // the quasi-likelihood criteria.

@@ -24,16 +24,13 @@ bool ValidGroupingValues(const Record& record, const std::vector<int>& vars, con
 
 }  // namespace
 
-void GEESubject::Append(const GZLDesignRow& row, int position) {
-  const std::size_t j = static_cast<std::size_t>(fNRecords);
-  if (fRows.size() <= j) {
-    fRows.push_back(row);
-    fPositions.push_back(position);
-  } else {
-    fRows[j] = row;
-    fPositions[j] = position;
+GZLDesignRow& GEESubject::Slot(int j) {
+  const std::size_t k = static_cast<std::size_t>(j);
+  if (fRows.size() <= k) {
+    fRows.resize(k + 1);
+    fPositions.resize(k + 1, -1);
   }
-  ++fNRecords;
+  return fRows[k];
 }
 
 GEEDesignMatrix::GEEDesignMatrix(const GZLSettings& settings)
@@ -138,27 +135,40 @@ bool GEEDesignMatrix::RestartPass() {
 
 bool GEEDesignMatrix::NextSubject(GEESubject& subject) {
   subject.Clear();
-  if (fbCancelled) return false;
+  if (fbCancelled || fpSource == nullptr) return false;
   if (fbPending) {
-    subject.Append(fPendingRow, fPendingPosition);
+    std::swap(subject.Slot(0), fPendingRow);
+    subject.fPositions[0] = fPendingPosition;
+    subject.fNRecords = 1;
     fCurrentKey = fPendingKey;
     fbPending = false;
   }
-  while (const GZLDesignRow* row = GetNextRow()) {
+  // Rows are built straight into the subject's storage; the first row of the next subject
+  // changes places with the pending row, so that no row is copied.
+  TQStatus status;
+  while (fpSource->HasMoreRecords()) {
+    const Record* record = fpSource->NextRecord();
+    if (record == nullptr) continue;
+    GZLDesignRow& row = subject.Slot(subject.fNRecords);
+    BuildRow(status, *record, row, false);
+    if (!status.IsOK()) {
+      ++fNRejectedInPass;
+      continue;
+    }
     if (fpCancel != nullptr && fpCancel->IsCancelled()) {
       fbCancelled = true;
       return false;
     }
     if (subject.fNRecords > 0 && fSubjectKey != fCurrentKey) {
-      // The first record of the next subject: kept for the next call.
-      fPendingRow = *row;
+      std::swap(row, fPendingRow);
       fPendingKey = fSubjectKey;
       fPendingPosition = fPosition;
       fbPending = true;
       return true;
     }
     if (subject.fNRecords == 0) fCurrentKey = fSubjectKey;
-    subject.Append(*row, fPosition);
+    subject.fPositions[static_cast<std::size_t>(subject.fNRecords)] = fPosition;
+    ++subject.fNRecords;
   }
   return subject.fNRecords > 0;
 }

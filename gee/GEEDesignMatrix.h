@@ -33,8 +33,8 @@ struct GEESubject {
   std::vector<int> fPositions;
 
   void Clear() noexcept { fNRecords = 0; }
-  // A copy of row at the end of the subject.
-  void Append(const GZLDesignRow& row, int position);
+  // The storage of record j, made when the subject is the largest so far.
+  GZLDesignRow& Slot(int j);
   // The subject's frequency weight: that of its first record (the setup pass refuses subjects
   // whose records carry different weights).
   double GetFreqWeight() const noexcept { return fNRecords > 0 ? fRows[0].fFreqWeight : 0.0; }

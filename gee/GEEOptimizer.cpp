@@ -270,13 +270,15 @@ TQStatus GEEOptimizer::ComputeRobustCovariance() {
 }
 
 TQStatus GEEOptimizer::EvaluateEstimatingFunction(const std::vector<double>& beta, double phi, std::vector<double>& U,
-                                                  TQSymMatrix& H) {
+                                                  TQSymMatrix& H, double& pearson, int& invalid) {
   if (beta.size() < static_cast<std::size_t>(fNParams)) return TQStatus::Error(GZLStatusCode::InternalError);
   bool transformed = false;
   const TQStatus st = fPass.Run(*fpDesign, beta, fR, phi, false, transformed);
+  invalid = fPass.GetNumInvalid();
   if (st.IsError()) return st;
   fPass.GetGradient(U);
   fPass.GetHessian(H);
+  pearson = fPass.GetPearson();
   return st;
 }
 

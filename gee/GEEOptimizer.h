@@ -65,11 +65,12 @@ class GEEOptimizer : public GZLOptimizer {
   // Whether the last subject pass counted records invalid for the link.
   int GetNumValidRecords() const noexcept { return fNValid; }
 
-  // One subject pass at beta with the current R and phi, outside the iterations (the
+  // One subject pass at beta with the fitted R and the given phi, outside the iterations (the
   // generalized score tests and the GEE form of IGZLLLGradHessian): U and H of all P
-  // parameters. The optimizer's own state does not change.
+  // parameters, the Pearson sum and the records refused for the link. The optimizer's
+  // estimates and matrices do not change.
   TQStatus EvaluateEstimatingFunction(const std::vector<double>& beta, double phi, std::vector<double>& U,
-                                      TQSymMatrix& H);
+                                      TQSymMatrix& H, double& pearson, int& invalid);
 
   void Display() const override;
 

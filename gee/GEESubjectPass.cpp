@@ -25,10 +25,13 @@ void GEEScaleParameter::Display() const {
 // ---- GEEPassSums -------------------------------------------------------------------------------
 
 void GEEPassSums::Reset(int K, bool robust) {
-  fK = K;
   const std::size_t packed = static_cast<std::size_t>(K) * (K + 1) / 2;
   fU.assign(robust ? 0 : static_cast<std::size_t>(K), 0.0);
   fH.assign(robust ? 0 : packed, 0.0);
+  if (K != fK) fBatch.Resize(K);
+  fK = K;
+  fBatch.Clear();
+  if (!fH.empty()) fBatch.SetDense(fH.data(), K);
   fMeat.assign(robust ? packed : 0, 0.0);
   fPearson.Clear();
   fNValid = 0;
@@ -37,7 +40,9 @@ void GEEPassSums::Reset(int K, bool robust) {
   fQ.Clear();
 }
 
-void GEEPassSums::Merge(const GEEPassSums& other) {
+void GEEPassSums::Merge(GEEPassSums& other) {
+  FlushPending();
+  other.FlushPending();
   for (std::size_t a = 0; a < fU.size() && a < other.fU.size(); ++a) fU[a] += other.fU[a];
   for (std::size_t a = 0; a < fH.size() && a < other.fH.size(); ++a) fH[a] += other.fH[a];
   for (std::size_t a = 0; a < fMeat.size() && a < other.fMeat.size(); ++a) fMeat[a] += other.fMeat[a];
@@ -104,6 +109,7 @@ TQStatus GEESubjectPass::Run(GEEDesignMatrix& design, const std::vector<double>&
 
   TQStatus status = GEERunSubjects(design, fSubject, fSums,
                                    [this](const GEESubject& s, GEEPassSums& sums) { return AddSubject(s, sums); });
+  fSums.FlushPending();
   if (status.IsError()) return status;
   if (fSums.fNValid == 0 || fSums.fbFailed) return TQStatus::Error(GZLStatusCode::CantBuildModel);
   if (!std::isfinite(fSums.fPearson.GetValue())) return TQStatus::Error(GZLStatusCode::CantBuildModel);
@@ -128,6 +134,9 @@ bool GEESubjectPass::InvertCorrelation(int n) {
   fbInverseValid = false;
   if (fV.CholInverse(fDiagonal, fTolerance, fG, fSet, fWork) <= 0) return false;
   fG.ZeroOutNonDiag(n * GZLOptimizer::kMachineEpsilon);
+  fL = fG;
+  fL.GetDiagonal(fDiagonal);
+  fbFactored = fL.LTChol(fDiagonal, fTolerance, fSet, false);
   fCachedPos.assign(fPos.begin(), fPos.begin() + n);
   fCachedN = n;
   fbInverseValid = true;
@@ -200,28 +209,46 @@ bool GEESubjectPass::AddSubject(const GEESubject& subject, GEEPassSums& sums) {
     return false;
   }
 
-  // Z = R_i^- D (rows scaled as above); then D' V_i^- D = D' R_i^- D / phi and the same for e.
+  const double invPhi = 1.0 / fPhi;
   const std::size_t nk = static_cast<std::size_t>(nv) * K;
   if (fW.size() < nk) fW.resize(nk);
+  if (fT.size() < static_cast<std::size_t>(nv)) fT.resize(static_cast<std::size_t>(nv));
   std::fill(fW.begin(), fW.begin() + static_cast<std::ptrdiff_t>(nk), 0.0);
-  for (int j = 0; j < nv; ++j) {
-    double* zj = fW.data() + static_cast<std::size_t>(j) * K;
-    for (int k = 0; k < nv; ++k) {
-      const double g = fG(j, k);
-      if (g == 0.0) continue;
-      const double* dk = fD.data() + static_cast<std::size_t>(k) * K;
-      for (int c = 0; c < K; ++c) zj[c] += g * dk[c];
+  if (fbFactored) {
+    // Y = L' D and t = L' e (rows scaled as above): D' V_i^- D = Y'Y / phi, D' V_i^- e = Y't / phi.
+    for (int j = 0; j < nv; ++j) {
+      double* yj = fW.data() + static_cast<std::size_t>(j) * K;
+      double t = 0.0;
+      for (int k = j; k < nv; ++k) {
+        const double l = fL(k, j);
+        if (l == 0.0) continue;
+        const double* dk = fD.data() + static_cast<std::size_t>(k) * K;
+        for (int c = 0; c < K; ++c) yj[c] += l * dk[c];
+        t += l * fE[static_cast<std::size_t>(k)];
+      }
+      fT[static_cast<std::size_t>(j)] = t;
+    }
+  } else {
+    // Z = R_i^- D and e as it is: D' V_i^- D = Z'D / phi, D' V_i^- e = Z'e / phi.
+    for (int j = 0; j < nv; ++j) {
+      double* zj = fW.data() + static_cast<std::size_t>(j) * K;
+      for (int k = 0; k < nv; ++k) {
+        const double g = fG(j, k);
+        if (g == 0.0) continue;
+        const double* dk = fD.data() + static_cast<std::size_t>(k) * K;
+        for (int c = 0; c < K; ++c) zj[c] += g * dk[c];
+      }
+      fT[static_cast<std::size_t>(j)] = fE[static_cast<std::size_t>(j)];
     }
   }
-  const double invPhi = 1.0 / fPhi;
 
   if (fbRobust) {
     // u = D' V_i^- e, and M += w u u'.
     fScore.assign(static_cast<std::size_t>(K), 0.0);
     for (int j = 0; j < nv; ++j) {
-      const double e = fE[static_cast<std::size_t>(j)] * invPhi;
-      const double* zj = fW.data() + static_cast<std::size_t>(j) * K;
-      for (int c = 0; c < K; ++c) fScore[static_cast<std::size_t>(c)] += zj[c] * e;
+      const double t = fT[static_cast<std::size_t>(j)] * invPhi;
+      const double* yj = fW.data() + static_cast<std::size_t>(j) * K;
+      for (int c = 0; c < K; ++c) fScore[static_cast<std::size_t>(c)] += yj[c] * t;
     }
     double* m = sums.fMeat.data();
     for (int a = 0; a < K; ++a) {
@@ -237,12 +264,16 @@ bool GEESubjectPass::AddSubject(const GEESubject& subject, GEEPassSums& sums) {
   double* U = sums.fU.data();
   double* H = sums.fH.data();
   for (int j = 0; j < nv; ++j) {
-    const double* zj = fW.data() + static_cast<std::size_t>(j) * K;
+    const double* yj = fW.data() + static_cast<std::size_t>(j) * K;
+    const double t = wp * fT[static_cast<std::size_t>(j)];
+    for (int a = 0; a < K; ++a) U[a] += yj[a] * t;
+    if (fbFactored) {
+      sums.fBatch.Add(H, yj, nullptr, nullptr, 0, wp);
+      continue;
+    }
     const double* dj = fD.data() + static_cast<std::size_t>(j) * K;
-    const double e = wp * fE[static_cast<std::size_t>(j)];
     for (int a = 0; a < K; ++a) {
-      U[a] += zj[a] * e;
-      const double c = wp * zj[a];
+      const double c = wp * yj[a];
       if (c == 0.0) continue;
       double* row = H + static_cast<std::size_t>(a) * (a + 1) / 2;
       for (int b = 0; b <= a; ++b) row[b] += c * dj[b];

@@ -17,6 +17,7 @@
 
 #include "GZLSettings.h"
 #include "estimation/GZLHessianMatrix.h"
+#include "estimation/GZLRankOne.h"
 #include "estimation/GZLStatFactory.h"
 #include "gee/GEEDesignMatrix.h"
 #include "gee/GEEQuasiLikelihood.h"
@@ -50,6 +51,8 @@ struct GEEPassSums {
   int fK = 0;
   std::vector<double> fU;  // K entries
   std::vector<double> fH;  // K x K, lower triangle row by row
+  // Rank-one updates of fH not added yet (FlushPending before fH is read).
+  GZLBatchedRankOne fBatch;
   GEEScaleParameter fPearson;
   int fNValid = 0;
   int fNInvalid = 0;
@@ -62,7 +65,11 @@ struct GEEPassSums {
   GZLHessianMatrix* fpInformation = nullptr;
 
   void Reset(int K, bool robust);
-  void Merge(const GEEPassSums& other);
+  void FlushPending() noexcept {
+    if (!fH.empty()) fBatch.Flush(fH.data());
+  }
+  // Adds another part's sums (both flushed first).
+  void Merge(GEEPassSums& other);
 };
 
 class GEESubjectPass {
@@ -139,11 +146,16 @@ class GEESubjectPass {
   std::vector<double> fDiagonal;
   std::vector<double> fWork;
   TQBitSet fSet;
+  // fG = L L' (Cholesky of the inverse) when it factors: then D' V_i^- D is the sum of the
+  // rank-one terms of the rows of L' D.
+  TQSymMatrix fL;
+  bool fbFactored = false;
   // The positions whose block of R fG inverts.
   std::vector<int> fCachedPos;
   int fCachedN = 0;
   bool fbInverseValid = false;
   std::vector<double> fW;
+  std::vector<double> fT;
   std::vector<double> fScore;
   std::vector<int> fIndices;
   std::vector<double> fValues;

@@ -17,6 +17,7 @@
 #include "GZLProgress.h"
 #include "GZLSettings.h"
 #include "gee/GEEAlgorithm.h"
+#include "gee/GEELLGradHessian.h"
 #include "gee/GEEOptimizer.h"
 #include "gee/GEEQuasiLikelihood.h"
 #include "gee/GEEWorkCorrelation.h"
@@ -316,6 +317,14 @@ TEST(GEE, InitialValues) {
   ASSERT_NE(f.stats, nullptr) << f.status.GetErrorCode();
   for (int j = 0; j < 2; ++j)
     EXPECT_NEAR(f.stats->GetParamEstimates()[j], reference.stats->GetParamEstimates()[j], 1e-6);
+  // An initial phi of 0: no iterations, the scale-is-zero warning, a zero covariance.
+  host.SetInitParams({0.5, 0.1, 0.0});
+  Fit zero = RunFit(host, source);
+  ASSERT_NE(zero.stats, nullptr) << zero.status.GetErrorCode();
+  const auto& w = zero.stats->GetBuildModelWarnings();
+  EXPECT_NE(std::find(w.begin(), w.end(), TQStatus::Warning(GZLStatusCode::ScaleIsZero)), w.end());
+  EXPECT_EQ(zero.stats->GetCovarianceMatrix()(1, 1), 0.0);
+  EXPECT_EQ(zero.algorithm->GetOptimizer()->GetIterationNumber(), 0);
   // No GEE iterations: one pass at the initial values.
   GZLSettings once = SmallModel(GZLConst_940::Exchangeable);
   ASSERT_TRUE(once.SetGEEMaxIterations(0));
@@ -399,5 +408,32 @@ TEST(GEE, CorrelationSumsScaleFree) {
     EXPECT_EQ(first.fSP[0], whole.fSP[0]);
     EXPECT_EQ(first.fS2, whole.fS2);
     EXPECT_NEAR(whole.fSP[0] / whole.fS2, (0.7 * -0.2 + 1.3 * 0.4) / (0.49 + 1.69), 1e-15);
+  }
+}
+
+TEST(GEE, EstimatingEquationsInterface) {
+  // At the solution of a reference fit: the step is nil, the information's inverse is the
+  // model-based covariance, and there is no likelihood.
+  auto c = LoadCase(GeeDir() + "/expected/dietox_normal_ar1.json", 1e-10, GeeDir() + "/data");
+  ApplyGeeKeys(*c);
+  Fit f = RunFit(c->settings, *c->source);
+  ASSERT_TRUE(f.algorithm->IsModelBuilt());
+  auto* gee = dynamic_cast<GEEAlgorithm*>(f.algorithm.get());
+  GEELLGradHessian equations(*gee->GetGEEOptimizer());
+  TQStatus st;
+  double ll = 0.0;
+  std::vector<double> gradient;
+  TQSymMatrix hessian;
+  equations.ComputeLLGradHessian(st, gee->GetGEEOptimizer()->GetParamEstimates(), 0.0, 0.0, ll, gradient, hessian,
+                                 false);
+  ASSERT_TRUE(st.IsOK()) << st.GetErrorCode();
+  EXPECT_TRUE(TQMV::IsMissing(ll));
+  EXPECT_LT(hessian(0, 0), 0.0);
+  equations.ComputeInverse(st);
+  ASSERT_TRUE(st.IsOK());
+  const TQSymMatrix& model = *gee->GetInference()->GetModelBasedCovarianceMatrix();
+  for (int j = 0; j < model.GetNumRows(); ++j) {
+    EXPECT_NEAR(equations.GetDirection()[j], 0.0, 1e-9);
+    EXPECT_NEAR(equations.GetInverse()(j, j), model(j, j), 1e-9 * model(j, j) + 1e-15);
   }
 }
