@@ -15,6 +15,7 @@
 #include "GZLMemorySource.h"
 #include "GZLOutputStats.h"
 #include "GZLProgress.h"
+#include "GZLReporter.h"
 #include "GZLSettings.h"
 #include "gee/GEEAlgorithm.h"
 #include "gee/GEELLGradHessian.h"
@@ -94,7 +95,7 @@ GZLSettings SmallModel(GZLConst_940::CorrType corr, bool sorted = false, bool wi
   GZLModelEffect effect(0, 1, &s.GetCovariates());
   effect.AddCovariate(3);
   s.AddModelEffect(effect);
-  s.AddGEESubjectVar(1, 50);
+  s.AddGEESubjectVar(1, 200);
   if (within) s.AddGEEWSVar(2, 10);
   s.SetGEECorrType(corr);
   s.SetGEESortBySubjectWS(sorted);
@@ -436,4 +437,61 @@ TEST(GEE, EstimatingEquationsInterface) {
     EXPECT_NEAR(equations.GetDirection()[j], 0.0, 1e-9);
     EXPECT_NEAR(equations.GetInverse()(j, j), model(j, j), 1e-9 * model(j, j) + 1e-15);
   }
+}
+
+TEST(GEE, FrequencyWeightsCountAsCopiesOfSubjects) {
+  // A subject of weight 2 is two identical subjects: same estimates, standard errors, R, phi
+  // and QIC; Q doubles with the data.
+  const auto base = SmallData(15, 4);
+  std::vector<std::vector<double>> copies = base, weighted = base;
+  for (const auto& r : base) {
+    auto c = r;
+    c[1] += 100.0;
+    copies.push_back(c);
+  }
+  for (auto& r : weighted) r.push_back(2.0);
+  GZLSettings a = SmallModel(GZLConst_940::Exchangeable);
+  GZLSettings b = SmallModel(GZLConst_940::Exchangeable);
+  ASSERT_TRUE(b.SetFrequencyWeightVar(4));
+  GZLMemorySource sa(copies), sb(weighted);
+  Fit fa = RunFit(a, sa);
+  ASSERT_NE(fa.stats, nullptr) << fa.status.GetErrorCode();
+  Fit fb = RunFit(b, sb);
+  ASSERT_NE(fb.stats, nullptr) << fb.status.GetErrorCode();
+  for (int j = 0; j < 2; ++j) {
+    EXPECT_NEAR(fa.stats->GetParamEstimates()[j], fb.stats->GetParamEstimates()[j], 1e-10);
+    EXPECT_NEAR(fa.stats->GetParamStats()[j].GetStdError(), fb.stats->GetParamStats()[j].GetStdError(), 1e-10);
+    EXPECT_NEAR(fa.stats->GetModelBasedCovarianceMatrix()(j, j), fb.stats->GetModelBasedCovarianceMatrix()(j, j),
+                1e-12);
+  }
+  EXPECT_NEAR(fa.stats->GetWorkCorrelationMatrix()(1, 0), fb.stats->GetWorkCorrelationMatrix()(1, 0), 1e-10);
+  EXPECT_NEAR(fa.algorithm->GetOptimizer()->GetPhi(), fb.algorithm->GetOptimizer()->GetPhi(), 1e-10);
+  EXPECT_NEAR(fa.stats->GetQICValue(), fb.stats->GetQICValue(), 1e-8);
+  EXPECT_NEAR(fa.stats->GetQBetaIValue(), fb.stats->GetQBetaIValue(), 1e-8);
+  EXPECT_EQ(fa.stats->GetNumberOfSubjects(), 2 * fb.stats->GetNumberOfSubjects());
+}
+
+TEST(GEE, IterationProgress) {
+  // A report at the start and after every iteration that does not end the fit: the iteration
+  // number, the estimates and the scale; a GEE model has no log-likelihood.
+  struct Listener : ProgressListener {
+    std::vector<int> iterations;
+    bool estimates = true, noLikelihood = true;
+    void OnProgress(const ProgressReport& report) override {
+      const auto& r = static_cast<const GZLReporter&>(report);
+      iterations.push_back(r.DiscreteMeasure("iterNum"));
+      estimates = estimates && r.VectorMeasure("paramEstim") != nullptr && r.VectorMeasure("paramEstim")->size() == 2;
+      noLikelihood = noLikelihood && TQMV::IsMissing(r.ScaleMeasure("loglike"));
+    }
+  } listener;
+  GZLSettings s = SmallModel(GZLConst_940::AR1);
+  s.SetIterProgressListener(&listener);
+  GZLMemorySource source(SmallData(20, 4));
+  Fit f = RunFit(s, source);
+  ASSERT_NE(f.stats, nullptr);
+  const int n = f.algorithm->GetOptimizer()->GetIterationNumber();
+  ASSERT_EQ(static_cast<int>(listener.iterations.size()), n);
+  for (int i = 0; i < n; ++i) EXPECT_EQ(listener.iterations[static_cast<std::size_t>(i)], i);
+  EXPECT_TRUE(listener.estimates);
+  EXPECT_TRUE(listener.noLikelihood);
 }
