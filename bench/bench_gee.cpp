@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "GZLFactory.h"
-#include "GZLModelEffect.h"
 #include "GZLRecord.h"
 #include "GZLSettings.h"
 #include "estimation/GZLDesignRowSource.h"
@@ -26,96 +25,43 @@
 #include "gee/GEEOptimizer.h"
 #include "gee/GEESubjectPass.h"
 #include "gee/GEEWorkCorrelation.h"
+#include "bench_model.h"
 
 namespace {
+
+using bench_model::FlatSource;
 
 constexpr int kSubjects = 100000;
 constexpr int kOccasions = 10;
 constexpr int kRecords = kSubjects * kOccasions;
-constexpr int kCovariates = 10;
-constexpr int kLevelsA = 10;
-constexpr int kLevelsB = 5;
+using bench_model::kCovariates;
+using bench_model::kLevelsA;
 // Fields: y, x1..x10, A, B, subject, occasion.
-constexpr int kSubjectField = 3 + kCovariates;
+constexpr int kSubjectField = bench_model::kModelFields;
 constexpr int kFields = kSubjectField + 2;
 
-class FlatSource final : public IGZLRecordSource {
- public:
-  FlatSource() : fData(static_cast<std::size_t>(kRecords) * kFields) {
-    std::mt19937_64 rng(20261123);
-    std::normal_distribution<double> normal(0.0, 0.3), subjectEffect(0.0, 0.4);
-    std::uniform_int_distribution<int> levelA(0, kLevelsA - 1), levelB(0, kLevelsB - 1);
-    for (int s = 0; s < kSubjects; ++s) {
-      const double b = subjectEffect(rng);
+FlatSource& Source() {
+  static FlatSource source = [] {
+    FlatSource s(kRecords, kFields);
+    bench_model::RecordGenerator generator(20261123);
+    std::normal_distribution<double> subjectEffect(0.0, 0.4);
+    for (int i = 0; i < kSubjects; ++i) {
+      const double b = subjectEffect(generator.Rng());
       for (int t = 0; t < kOccasions; ++t) {
-        double* r = &fData[(static_cast<std::size_t>(s) * kOccasions + t) * kFields];
-        double eta = 0.5 + b;
-        for (int c = 0; c < kCovariates; ++c) {
-          r[1 + c] = normal(rng);
-          eta += (0.1 * (c + 1) - 0.5) * r[1 + c];
-        }
-        const int a = levelA(rng), bl = levelB(rng);
-        r[1 + kCovariates] = a;
-        r[2 + kCovariates] = bl;
-        eta += 0.05 * a - 0.1 * bl;
-        std::poisson_distribution<int> y(std::exp(eta));
-        r[0] = y(rng);
-        r[kSubjectField] = s;
+        double* r = s.Row(i * kOccasions + t);
+        generator.Fill(r, b);
+        r[kSubjectField] = i;
         r[kSubjectField + 1] = t;
       }
     }
-  }
-  bool HasMoreRecords() override { return fNext < kRecords; }
-  const Record* NextRecord() override {
-    if (fNext >= kRecords) return nullptr;
-    fRecord.Reset(&fData[static_cast<std::size_t>(fNext++) * kFields], kFields);
-    return &fRecord;
-  }
-  long RecordCount() override { return kRecords; }
-  int Rewind() override {
-    ++fRewinds;
-    fNext = 0;
-    return 0;
-  }
-  int fRewinds = 0;
-
- private:
-  std::vector<double> fData;
-  int fNext = 0;
-  Record fRecord;
-};
-
-FlatSource& Source() {
-  static FlatSource source;
+    return s;
+  }();
   return source;
 }
 
 std::unique_ptr<GZLSettings> MakeSettings(GZLConst_940::CorrType corr) {
   auto s = std::make_unique<GZLSettings>();
-  s->SetDistType(TQConst::DistPoisson);
-  s->SetLinkType(TQConst::LinkLog);
-  s->SetScaleType(GZLConst_940::ScaleFixed);
-  s->SetDependent(0);
-  s->SetInterceptUse(true);
-  const int fa = 1 + kCovariates, fb = 2 + kCovariates;
-  s->AddFactor(fa, kLevelsA);
-  s->AddFactor(fb, kLevelsB);
-  static std::vector<int> vars;
-  vars = {fa, fb};
-  for (int c = 0; c < kCovariates; ++c) {
-    s->AddCovariate(1 + c);
-    vars.push_back(1 + c);
-  }
-  for (int c = 0; c < kCovariates; ++c) {
-    GZLModelEffect e(2, kCovariates, &vars);
-    e.AddCovariate(1 + c);
-    s->AddModelEffect(e);
-  }
-  for (int f : {fa, fb}) {
-    GZLModelEffect e(2, kCovariates, &vars);
-    e.AddNewFactor(f, false);
-    s->AddModelEffect(e);
-  }
+  bench_model::AddModel(*s);
   s->SetGZLModelType(GZLConst_940::GEE);
   s->AddGEESubjectVar(kSubjectField, kSubjects);
   s->AddGEEWSVar(kSubjectField + 1, kOccasions);

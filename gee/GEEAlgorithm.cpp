@@ -92,15 +92,7 @@ TQStatus GEEAlgorithm::InitializeModel(IGZLRecordSource& source) {
   fpDesignMatrix->NumberWSCombinations();
   fpDesignMatrix->GetSubjectCounter().Compute();
   fFactorCounts = fpDesignMatrix->GetFactorCounts();
-  for (int i = 0; i < fpDesignMatrix->GetNumEffects(); ++i) {
-    const GZLDesignMatrixEffect& effect = fpDesignMatrix->GetEffect(i);
-    GZLEffectInfo info;
-    info.fIndex = i;
-    info.fStart = effect.GetStart();
-    info.fNValues = effect.GetNColumns();
-    info.fCombinations = effect.GetCombinations();
-    fEffectInfo.push_back(std::move(info));
-  }
+  GZLAlgorithm::FillEffectInfo(*fpDesignMatrix, fEffectInfo);
   fWSCombinations = fpDesignMatrix->GetWSCombinations();
   BuildParameterList();
   fbSetupDone = true;
@@ -108,38 +100,11 @@ TQStatus GEEAlgorithm::InitializeModel(IGZLRecordSource& source) {
 }
 
 void GEEAlgorithm::BuildParameterList() {
-  TQRegrParameter parameter;
-  parameter.SetTargetCategory(-1);
-  if (fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial) {
-    // One threshold per observed category; the highest observed one is the reference.
-    const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
-    const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
-    for (int c = 0; c < k; ++c) {
-      if (!((*counts)[static_cast<std::size_t>(c)].first > 0.0)) continue;
-      parameter.SetTargetCategory(c);
-      fParameters.push_back(parameter);
-      fTargetCategories.push_back(c);
-    }
-    if (!fParameters.empty()) fParameters.pop_back();
-    parameter.SetTargetCategory(-1);
-  } else if (fpSettings->GetInterceptUse()) {
-    fParameters.push_back(parameter);
-  }
-  const std::vector<GZLModelEffect>& effects = fpSettings->GetModelEffects();
-  for (std::size_t i = 0; i < effects.size() && i < fEffectInfo.size(); ++i) {
-    TQRegrParameter p;
-    p.SetTargetCategory(-1);
-    if (!p.SetupFromEffect(effects[i], static_cast<int>(i))) p.SetEffectIndex(static_cast<int>(i));
-    const GZLEffectInfo& info = fEffectInfo[i];
-    if (info.fNValues == 1 && p.GetNFactors() == 0) {
-      fParameters.push_back(p);
-      continue;
-    }
-    for (int column = 0; column < info.fNValues; ++column) {
-      p.GetCategories() = info.fCombinations[static_cast<std::size_t>(column)];
-      fParameters.push_back(p);
-    }
-  }
+  if (fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial)
+    GZLAlgorithm::AppendThresholds(fFactorCounts, fParameters, fTargetCategories);
+  else if (fpSettings->GetInterceptUse())
+    fParameters.emplace_back().SetTargetCategory(-1);
+  GZLAlgorithm::AppendEffectParameters(*fpSettings, fEffectInfo, -1, fParameters, nullptr);
 }
 
 bool GEEAlgorithm::RunInnerFit(IGZLRecordSource& source, TQStatus& status) {

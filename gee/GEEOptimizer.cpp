@@ -223,15 +223,7 @@ void GEEOptimizer::IterationLoop() {
       ReportProgress(false);
       fReportCountdown = frequency;
     }
-    if (fIterNum >= fMaxIter) {
-      AddWarning(TQStatus::Warning(GZLStatusCode::LoopIterLargeMaxIter));
-      fStopCriterion = GZLConst_940::MaxIterationsReached;
-      break;
-    }
-    if (fbSingular) {
-      fStopCriterion = GZLConst_940::UnexpectedSingularity;
-      break;
-    }
+    if (StopsAfterIteration()) break;
   }
   if (IsCancelled()) fStatus = TQStatus::Error(GZLStatusCode::Cancelled);
   if (fReportCountdown != frequency) ReportProgress(false);

@@ -7,6 +7,7 @@
 
 #include "GZLSettings.h"
 #include "data/GZLDesignRow.h"
+#include "estimation/GZLLinearPredictor.h"
 #include "include/GZLVarianceFunc.h"
 #include "support/ITQLinkFunc.h"
 #include "support/TQMV.h"
@@ -30,21 +31,6 @@ struct GEEResponseCoding {
   double Code(double y) const noexcept { return fbBinarySingle ? (y == fEventValue ? 1.0 : 0.0) : y; }
 };
 
-// eta = offset + x'beta over n columns, with four partial sums so that the products do not
-// wait on each other.
-inline double GEELinearPredictor(const double* x, const double* beta, std::size_t n, double offset) noexcept {
-  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
-  std::size_t j = 0;
-  for (; j + 4 <= n; j += 4) {
-    s0 += x[j] * beta[j];
-    s1 += x[j + 1] * beta[j + 1];
-    s2 += x[j + 2] * beta[j + 2];
-    s3 += x[j + 3] * beta[j + 3];
-  }
-  for (; j < n; ++j) s0 += x[j] * beta[j];
-  return offset + ((s0 + s1) + (s2 + s3));
-}
-
 // Mean, variance and link derivative of a row at beta (the row's values and beta have n
 // entries). withDerivative false leaves the link derivative missing.
 inline GEERecordFit GEEFitRecord(const GZLDesignRow& row, const double* beta, std::size_t n, const ITQLinkFunc& link,
@@ -54,7 +40,7 @@ inline GEERecordFit GEEFitRecord(const GZLDesignRow& row, const double* beta, st
   if (TQMV::IsMissing(row.fResponse)) return fit;
   fit.fY = coding.Code(row.fResponse);
   int status = 0;
-  const double mu = link.GetMu(GEELinearPredictor(row.fValues.data(), beta, n, row.fOffset), &status);
+  const double mu = link.GetMu(GZLLinearPredictor(row.fValues.data(), beta, n, row.fOffset), &status);
   if (status != 0 || TQMV::IsMissingOrInfinite(mu)) return fit;
   fit.fMu = mu;
   fit.fV = variance.GetVariance(mu);

@@ -280,26 +280,39 @@ void GEEWorkCorrelation::Independent(TQStatus& status, const std::vector<double>
   for (int i = 0; i < fDim; ++i) R(i, i) = 1.0;
 }
 
-void GEEWorkCorrelation::Exchangeable(TQStatus& status, const std::vector<double>& beta, TQSymMatrix& R) {
+bool GEEWorkCorrelation::SingleCorrelation(TQStatus& status, const std::vector<double>& beta, double& rho) {
   GEECorrelationMoments moments;
   status = GatherMoments(beta, moments);
-  if (status.IsError()) return;
+  if (status.IsError()) return false;
   double phi, denominator;
   ScaleAndDenominator(status, moments, moments.fC[0], phi, denominator);
-  if (status.IsError()) return;
-  const double rho = Correlation(moments.fSP[0], denominator, phi);
+  if (status.IsError()) return false;
+  rho = Correlation(moments.fSP[0], denominator, phi);
+  return true;
+}
+
+bool GEEWorkCorrelation::SeveralCorrelations(TQStatus& status, const std::vector<double>& beta, bool matrix,
+                                             GEECorrelationMoments& moments, double& phi,
+                                             std::vector<double>& denominators) {
+  status = GatherMoments(beta, moments);
+  if (status.IsError()) return false;
+  if (matrix)
+    ScaleAndDenominatorsMatrix(moments, moments.fC, phi, denominators);
+  else
+    ScaleAndDenominators(moments, moments.fC, phi, denominators);
+  return true;
+}
+
+void GEEWorkCorrelation::Exchangeable(TQStatus& status, const std::vector<double>& beta, TQSymMatrix& R) {
+  double rho = 0.0;
+  if (!SingleCorrelation(status, beta, rho)) return;
   R = TQSymMatrix(fDim, rho);
   for (int i = 0; i < fDim; ++i) R(i, i) = 1.0;
 }
 
 void GEEWorkCorrelation::AutoRegressive(TQStatus& status, const std::vector<double>& beta, TQSymMatrix& R) {
-  GEECorrelationMoments moments;
-  status = GatherMoments(beta, moments);
-  if (status.IsError()) return;
-  double phi, denominator;
-  ScaleAndDenominator(status, moments, moments.fC[0], phi, denominator);
-  if (status.IsError()) return;
-  const double rho = Correlation(moments.fSP[0], denominator, phi);
+  double rho = 0.0;
+  if (!SingleCorrelation(status, beta, rho)) return;
   R = TQSymMatrix(fDim, 0.0);
   for (int i = 0; i < fDim; ++i) {
     double power = 1.0;
@@ -312,11 +325,9 @@ void GEEWorkCorrelation::AutoRegressive(TQStatus& status, const std::vector<doub
 
 void GEEWorkCorrelation::MDependent(TQStatus& status, const std::vector<double>& beta, TQSymMatrix& R) {
   GEECorrelationMoments moments;
-  status = GatherMoments(beta, moments);
-  if (status.IsError()) return;
   double phi;
   std::vector<double> denominators;
-  ScaleAndDenominators(moments, moments.fC, phi, denominators);
+  if (!SeveralCorrelations(status, beta, false, moments, phi, denominators)) return;
   R = TQSymMatrix(fDim, 0.0);
   for (int i = 0; i < fDim; ++i) R(i, i) = 1.0;
   for (std::size_t t = 1; t <= moments.fSP.size(); ++t) {
@@ -327,11 +338,9 @@ void GEEWorkCorrelation::MDependent(TQStatus& status, const std::vector<double>&
 
 void GEEWorkCorrelation::Unstructured(TQStatus& status, const std::vector<double>& beta, TQSymMatrix& R) {
   GEECorrelationMoments moments;
-  status = GatherMoments(beta, moments);
-  if (status.IsError()) return;
   double phi;
   std::vector<double> denominators;
-  ScaleAndDenominatorsMatrix(moments, moments.fC, phi, denominators);
+  if (!SeveralCorrelations(status, beta, true, moments, phi, denominators)) return;
   R = TQSymMatrix(fDim, 0.0);
   for (int k = 0; k < fDim; ++k) {
     R(k, k) = 1.0;

@@ -98,6 +98,13 @@ class GEEWorkCorrelation {
   // usable residual), and m, the number of its distinct positions; false when no record of the
   // subject has a position inside R.
   bool SubjectResiduals(const GEESubject& subject, const std::vector<double>& beta, int& m);
+  // The one correlation of the exchangeable and AR(1) structures; false on a failed pass or a
+  // zero divisor (status set).
+  bool SingleCorrelation(TQStatus& status, const std::vector<double>& beta, double& rho);
+  // The sums and the denominators of the M-dependent (one count per lag) or, with `matrix`,
+  // the unstructured structure (one per pair); false on a failed pass (status set).
+  bool SeveralCorrelations(TQStatus& status, const std::vector<double>& beta, bool matrix,
+                           GEECorrelationMoments& moments, double& phi, std::vector<double>& denominators);
   // Adds a subject's residuals (fResiduals, fPresent) to the sums by the correlation type.
   void AddSubject(double w, int m, GEECorrelationMoments& moments) const;
   // Number of sums of the type for dimension d.

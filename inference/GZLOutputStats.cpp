@@ -91,9 +91,42 @@ struct GZLOutputStats::Impl {
   TQSymMatrix fRobustCovariance;
   TQSymMatrix fModelCovariance;
 
+  // What both kinds of algorithm hand over alike: the parameter list, counts and warnings, the
+  // counts of the design's dictionary pass, and the estimates, gradient, Hessian and redundancy
+  // of the optimizer.
+  void CopyAlgorithm(const IGZLAlgorithm& algorithm);
+  void CopyDesign(const GZLDesignMatrix& design);
+  void CopyOptimizer(const GZLSettings& settings, const GZLOptimizer& opt);
   // The parameter statistics, covariance and fit figures of an inference object.
   void CopyInference(const GZLInference& inf);
 };
+
+void GZLOutputStats::Impl::CopyAlgorithm(const IGZLAlgorithm& algorithm) {
+  fParameters = algorithm.GetRegrParameters();
+  fFactorCounts = algorithm.GetFactorCounts();
+  fDependCategories = algorithm.GetDependCategories();
+  fBuildModelWarnings = algorithm.GetBuildModelWarnings();
+  fEffectAnalysisWarnings = algorithm.GetEffectAnalysisWarnings();
+  fEmmeansWarnings = algorithm.GetEmmeansWarnings();
+}
+
+void GZLOutputStats::Impl::CopyDesign(const GZLDesignMatrix& design) {
+  fDataStats = design.GetDataStats();
+  fEventsCount = design.GetEventsCount();
+  fPopulationSize = design.GetSumFreqWeights();
+  fNumOfRecords = design.GetNumCompleteRecords();
+  for (const DataStat& s : fDataStats.GetCovariateStats()) fMeanValues.push_back(s.fMean);
+}
+
+void GZLOutputStats::Impl::CopyOptimizer(const GZLSettings& settings, const GZLOptimizer& opt) {
+  fParamEstimates = opt.GetParamEstimates();
+  fGradientVector = opt.GetGradient();
+  if (opt.GetHessian().GetNumRows() > 0) fpHessianMatrix = std::make_unique<TQSymMatrix>(opt.GetHessian());
+  const int p = opt.GetNumParams();
+  fRedundancy.assign(p, false);
+  for (int j = 0; j < p; ++j) fRedundancy[j] = !opt.GetInitRedunInfo().InSet(j);
+  if (settings.GetDistType() == TQConst::DistNegBinomial) fNegBinK = opt.GetK();
+}
 
 void GZLOutputStats::Impl::CopyInference(const GZLInference& inf) {
   fParamStats = inf.GetParamStats();
@@ -121,29 +154,11 @@ GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& 
     : fpImpl(std::make_unique<Impl>()) {
   Impl& m = *fpImpl;
   m.fpAlgorithm = &algorithm;
-  m.fParameters = algorithm.GetRegrParameters();
-  m.fFactorCounts = algorithm.GetFactorCounts();
-  m.fDependCategories = algorithm.GetDependCategories();
-  m.fBuildModelWarnings = algorithm.GetBuildModelWarnings();
-  m.fEffectAnalysisWarnings = algorithm.GetEffectAnalysisWarnings();
-  m.fEmmeansWarnings = algorithm.GetEmmeansWarnings();
-
-  if (const GZLDesignMatrix* design = algorithm.GetDesignMatrix()) {
-    m.fDataStats = design->GetDataStats();
-    m.fEventsCount = design->GetEventsCount();
-    m.fPopulationSize = design->GetSumFreqWeights();
-    m.fNumOfRecords = design->GetNumCompleteRecords();
-    for (const DataStat& s : m.fDataStats.GetCovariateStats()) m.fMeanValues.push_back(s.fMean);
-  }
+  m.CopyAlgorithm(algorithm);
+  if (const GZLDesignMatrix* design = algorithm.GetDesignMatrix()) m.CopyDesign(*design);
 
   if (const GZLOptimizer* opt = algorithm.GetOptimizer()) {
-    m.fParamEstimates = opt->GetParamEstimates();
-    m.fGradientVector = opt->GetGradient();
-    if (opt->GetHessian().GetNumRows() > 0) m.fpHessianMatrix = std::make_unique<TQSymMatrix>(opt->GetHessian());
-    const int p = opt->GetNumParams();
-    m.fRedundancy.assign(p, false);
-    for (int j = 0; j < p; ++j) m.fRedundancy[j] = !opt->GetInitRedunInfo().InSet(j);
-    if (settings.GetDistType() == TQConst::DistNegBinomial) m.fNegBinK = opt->GetK();
+    m.CopyOptimizer(settings, *opt);
     m.fLagrangeMultDist = opt->GetLagrangeMultChiSquare();
     m.fLagrangeMultDF = opt->GetLagrangeMultDF();
     m.fLagrangeMultSig = opt->GetLagrangeMultSig();
@@ -164,20 +179,11 @@ GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GEEAlgorithm& 
     : fpImpl(std::make_unique<Impl>()) {
   Impl& m = *fpImpl;
   m.fpGEEAlgorithm = &algorithm;
-  m.fParameters = algorithm.GetRegrParameters();
-  m.fFactorCounts = algorithm.GetFactorCounts();
-  m.fDependCategories = algorithm.GetDependCategories();
-  m.fBuildModelWarnings = algorithm.GetBuildModelWarnings();
-  m.fEffectAnalysisWarnings = algorithm.GetEffectAnalysisWarnings();
-  m.fEmmeansWarnings = algorithm.GetEmmeansWarnings();
+  m.CopyAlgorithm(algorithm);
   if (const std::vector<std::vector<int>>* ws = algorithm.GetWSCombinations()) m.fWSInfo = *ws;
 
   if (const GEEDesignMatrix* design = algorithm.GetDesignMatrix()) {
-    m.fDataStats = design->GetDataStats();
-    m.fEventsCount = design->GetEventsCount();
-    m.fPopulationSize = design->GetSumFreqWeights();
-    m.fNumOfRecords = design->GetNumCompleteRecords();
-    for (const DataStat& s : m.fDataStats.GetCovariateStats()) m.fMeanValues.push_back(s.fMean);
+    m.CopyDesign(*design);
     m.fSubjectCounts = design->GetSubjectCounts();
     m.fWSCounts = design->GetWSCounts();
     const IGEENumSubject& counter = design->GetSubjectCounter();
@@ -187,13 +193,7 @@ GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GEEAlgorithm& 
   }
 
   if (const GEEOptimizer* opt = algorithm.GetGEEOptimizer()) {
-    m.fParamEstimates = opt->GetParamEstimates();
-    m.fGradientVector = opt->GetGradient();
-    if (opt->GetHessian().GetNumRows() > 0) m.fpHessianMatrix = std::make_unique<TQSymMatrix>(opt->GetHessian());
-    const int p = opt->GetNumParams();
-    m.fRedundancy.assign(p, false);
-    for (int j = 0; j < p; ++j) m.fRedundancy[j] = !opt->GetInitRedunInfo().InSet(j);
-    if (settings.GetDistType() == TQConst::DistNegBinomial) m.fNegBinK = opt->GetK();
+    m.CopyOptimizer(settings, *opt);
     m.fWorkCorrelation = opt->GetWorkCorrelation();
     m.fMaxGroupSize = opt->GetCorrDimension();
   }
@@ -268,11 +268,13 @@ double GZLOutputStats::GetLagrangeSigNonDir() const { return fpImpl->fLagrangeSi
 TQStatus GZLOutputStats::GetPLCIStatus() const { return fpImpl->fPLCIStatus; }
 
 // ---- state: read from the algorithm's current optimizer ----
+namespace {
 // The optimizer of the GEE fit when there is one, else that of the GZLM fit.
-static const GZLOptimizer* CurrentOptimizer(const GZLAlgorithm* a, const GEEAlgorithm* g) {
+const GZLOptimizer* CurrentOptimizer(const GZLAlgorithm* a, const GEEAlgorithm* g) {
   if (g != nullptr) return g->GetOptimizer();
   return a != nullptr ? a->GetOptimizer() : nullptr;
 }
+}  // namespace
 GZLConst_940::StoppingCriteria GZLOutputStats::GetEstimStopCriterion() const {
   const GZLOptimizer* o = CurrentOptimizer(fpImpl->fpAlgorithm, fpImpl->fpGEEAlgorithm);
   return o != nullptr ? o->GetStoppingCriterion() : GZLConst_940::NoCriterionSatisfied;

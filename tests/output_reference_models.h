@@ -1,6 +1,9 @@
 #pragma once
 // Test helper: the reference models of tests/data/reference as engine settings, and their data
 // as an in-memory record source.
+#include <gtest/gtest.h>
+
+#include <cmath>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -11,10 +14,21 @@
 #include "GZLModelEffect.h"
 #include "GZLRecord.h"
 #include "GZLSettings.h"
+#include "support/TQMV.h"
+#include "support/TQRegrParameterStats.h"
 
 namespace output_test {
 
 inline std::string RefDir() { return std::string(GZL_TEST_DATA_DIR) + "/reference"; }
+
+// Agreement with a reference figure: to a relative `rel`, or to an absolute `nearZero` for
+// figures below 1e-3 in size.
+inline void ExpectRel(double expected, double actual, const std::string& what, double rel = 1e-6,
+                      double nearZero = 1e-9) {
+  ASSERT_FALSE(TQMV::IsMissing(actual)) << what;
+  const double tol = std::fabs(expected) < 1e-3 ? nearZero : rel * std::fabs(expected);
+  EXPECT_LE(std::fabs(actual - expected), tol) << what << ": engine " << actual << ", reference " << expected;
+}
 
 // A CSV table held in memory, served record by record.
 class TableSource : public IGZLRecordSource {
@@ -75,6 +89,16 @@ class TableSource : public IGZLRecordSource {
   size_t fNext = 0;
   Record fRecord;
 };
+
+// The redundancy of a parameter row against the reference entry; true, after the checks of an
+// aliased row (estimate 0, no standard error), when the reference marks it redundant.
+inline bool ExpectRedundancy(const TQRegrParameterStats& row, const nlohmann::json& reference) {
+  EXPECT_EQ(row.IsRedundant(), reference["redundant"].get<bool>());
+  if (!reference["redundant"].get<bool>()) return false;
+  EXPECT_EQ(row.GetEstimate(), 0.0);
+  EXPECT_TRUE(TQMV::IsMissing(row.GetStdError()));
+  return true;
+}
 
 // One reference case: the expected figures, the data and the engine settings built from the
 // model description.
