@@ -301,6 +301,22 @@ TEST(GEE, FixedCorrelation) {
   EXPECT_EQ(fit({0.5, -0.2, 0.5}).first.GetErrorCode(), GZLStatusCode::CorrFixedNumberOutRange);
 }
 
+TEST(GEE, MultinomialResponsesCannotBeBuilt) {
+  for (const auto dist : {TQConst::DistNominalMultinomial, TQConst::DistOrdinalMultinomial}) {
+    GZLSettings s = SmallModel(GZLConst_940::Exchangeable, false, false);
+    s.SetDistType(dist);
+    s.SetLinkType(dist == TQConst::DistOrdinalMultinomial ? TQConst::LinkCumLogit : TQConst::LinkLogit);
+    s.SetScaleType(GZLConst_940::ScaleFixed);
+    ASSERT_TRUE(s.SetDependent(2));
+    s.SetDependentSize(3);
+    ASSERT_TRUE(s.IsValid());
+    GZLMemorySource source(SmallData(10, 3));
+    Fit f = RunFit(s, source);
+    EXPECT_EQ(f.status.GetErrorCode(), GZLStatusCode::CantBuildModel);
+    EXPECT_FALSE(f.algorithm->IsModelBuilt());
+  }
+}
+
 TEST(GEE, InitialValues) {
   const auto rows = SmallData(25, 3);
   GZLSettings s = SmallModel(GZLConst_940::Exchangeable);
