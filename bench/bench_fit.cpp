@@ -15,39 +15,16 @@
 #include <random>
 #include <vector>
 
-#include "GZLRecord.h"
 #include "GZLSettings.h"
+#include "bench_model.h"
 #include "data/GZLDesignMatrix.h"
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLStatFactory.h"
-#include "bench_model.h"
 
 namespace {
 
-using bench_model::FlatSource;
-
-constexpr int kRecords = 1000000;
-using bench_model::kCovariates;
-using bench_model::kLevelsA;
-// Fields: y, x1..x10, A, B.
-constexpr int kFields = bench_model::kModelFields;
-
-FlatSource& Source() {
-  static FlatSource source = [] {
-    FlatSource s(kRecords, kFields);
-    bench_model::RecordGenerator generator(20240611);
-    for (int i = 0; i < kRecords; ++i) generator.Fill(s.Row(i), 0.0);
-    return s;
-  }();
-  return source;
-}
-
-std::unique_ptr<GZLSettings> MakeSettings() {
-  auto s = std::make_unique<GZLSettings>();
-  bench_model::AddModel(*s);
-  return s;
-}
+using namespace bench_model;
 
 struct Prepared {
   std::unique_ptr<GZLSettings> settings = MakeSettings();

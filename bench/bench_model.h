@@ -1,8 +1,11 @@
 #pragma once
-// The model of the fitting benchmarks: a Poisson log model with an intercept, 10 covariates and
-// two factors of 10 and 5 levels (1 + 10 + 10 + 5 = 26 design columns), and the generator of
-// its records. Fields of a record: y, x1..x10, A, B, then whatever a benchmark appends.
+// The model of the benchmarks: a Poisson log model with an intercept, 10 covariates and two
+// factors of 10 and 5 levels (1 + 10 + 10 + 5 = 26 design columns), its generated records
+// (1,000,000 of them by default) served from memory, and the generator of its records for
+// benchmarks that lay records out their own way. Records are generated once, on first use,
+// outside any timing.
 #include <cmath>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -12,13 +15,15 @@
 
 namespace bench_model {
 
+constexpr int kRecords = 1000000;
 constexpr int kCovariates = 10;
 constexpr int kLevelsA = 10;
 constexpr int kLevelsB = 5;
-constexpr int kModelFields = 1 + kCovariates + 2;
+// Fields: y, x1..x10, A, B.
+constexpr int kFields = 1 + kCovariates + 2;
 
-// Draws the covariates and factor levels of a record and its Poisson response, whose linear
-// predictor is raised by `shift`.
+// Draws the covariates and factor levels of a record (fields 1 .. 12) and its Poisson response
+// (field 0), whose linear predictor is raised by `shift`.
 class RecordGenerator {
  public:
   explicit RecordGenerator(unsigned long long seed) : fRng(seed) {}
@@ -44,9 +49,15 @@ class RecordGenerator {
   std::uniform_int_distribution<int> fLevelB{0, kLevelsB - 1};
 };
 
-// Records in one contiguous block of doubles, served from memory.
+// Records in one contiguous block of doubles.
 class FlatSource final : public IGZLRecordSource {
  public:
+  // The model's kRecords records.
+  FlatSource() : FlatSource(kRecords, kFields) {
+    RecordGenerator generator(20240611);
+    for (int i = 0; i < kRecords; ++i) generator.Fill(Row(i), 0.0);
+  }
+  // `records` records of `fields` zeros, for the caller to fill.
   FlatSource(int records, int fields)
       : fRecords(records), fFields(fields), fData(static_cast<std::size_t>(records) * fields) {}
   double* Row(int i) noexcept { return &fData[static_cast<std::size_t>(i) * fFields]; }
@@ -71,6 +82,11 @@ class FlatSource final : public IGZLRecordSource {
   int fNext = 0;
   Record fRecord;
 };
+
+inline FlatSource& Source() {
+  static FlatSource source;
+  return source;
+}
 
 // The model's distribution, link, response, predictors and effects.
 inline void AddModel(GZLSettings& s) {
@@ -98,6 +114,12 @@ inline void AddModel(GZLSettings& s) {
     e.AddNewFactor(f, false);
     s.AddModelEffect(e);
   }
+}
+
+inline std::unique_ptr<GZLSettings> MakeSettings() {
+  auto s = std::make_unique<GZLSettings>();
+  AddModel(*s);
+  return s;
 }
 
 }  // namespace bench_model

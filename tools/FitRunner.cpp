@@ -20,7 +20,9 @@
 #include "GZLRecord.h"
 #include "GZLSettings.h"
 #include "IGZLAlgorithm.h"
+#include "data/GZLAlgorithm.h"
 #include "diagnostics/GZLComponentDisplay_940.h"
+#include "inference/GZLOmnibusTest.h"
 #include "support/TQMV.h"
 #include "tools/FitControl.h"
 #include "tools/JsonWriter.h"
@@ -269,10 +271,13 @@ struct FitStatistic {
 struct ParameterRow {
   std::string name;
   const char* kind = "effect";  // intercept, threshold, effect, scale, k
+  int effectIndex = -1;         // position in the effect list; -1 for the intercept and thresholds
   std::string effect;           // the term's text, for effect rows
+  std::vector<int> categories;  // the engine's category codes of the factors (or the threshold)
   std::vector<std::pair<std::string, std::string>> factors;  // (variable, category label)
   std::vector<std::pair<std::string, int>> covariates;       // (variable, power)
   std::string target;  // response category of a nominal parameter
+  int targetCode = -1;  // its code
   TQRegrParameterStats stats;
   std::string note;  // why a scale or k row has no standard error
 };
@@ -287,7 +292,12 @@ struct FitReport {
   double omnibusChiSquare = TQMV::Missing;
   double omnibusDF = TQMV::Missing;
   double omnibusSig = TQMV::Missing;
+  double omnibusNullLogLikelihood = TQMV::Missing;
   bool omnibusFailed = false;
+  // Valid records (frequency weights counted), parameters not aliased, residual df.
+  double nRecords = TQMV::Missing;
+  int nNonRedundant = 0;
+  double dfResidual = TQMV::Missing;
   bool intercept = true;
   double confidence = 0.95;
   std::vector<ParameterRow> parameters;
@@ -323,11 +333,15 @@ ParameterRow MakeParameterRow(const TQRegrParameter& p, const FitOptions& o, con
   ParameterRow row;
   const bool nominal = o.distribution == TQConst::DistNominalMultinomial;
   const bool ordinal = o.distribution == TQConst::DistOrdinalMultinomial;
-  if (nominal && p.GetTargetCategory() >= 0) row.target = LabelOf(table, responseField, p.GetTargetCategory());
+  if (nominal && p.GetTargetCategory() >= 0) {
+    row.target = LabelOf(table, responseField, p.GetTargetCategory());
+    row.targetCode = p.GetTargetCategory();
+  }
 
   if (p.IsIntercept()) {
     if (ordinal && p.GetTargetCategory() >= 0) {
       row.kind = "threshold";
+      row.categories.push_back(p.GetTargetCategory());
       row.name = "Threshold " + Bracket(o.response, LabelOf(table, responseField, p.GetTargetCategory()));
     } else {
       row.kind = "intercept";
@@ -337,11 +351,14 @@ ParameterRow MakeParameterRow(const TQRegrParameter& p, const FitOptions& o, con
     const int index = p.GetEffectIndex();
     if (index >= 0 && static_cast<std::size_t>(index) < terms.size()) {
       const ModelTerm& term = terms[static_cast<std::size_t>(index)];
+      row.effectIndex = index;
       row.effect = term.Text();
       std::vector<std::string> factorParts;
       for (const auto& name : term.factors) {
         const int field = table.ColumnIndex(name);
-        const std::string label = LabelOf(table, field, p.ContainsFactor(field));
+        const int code = p.ContainsFactor(field);
+        const std::string label = LabelOf(table, field, code);
+        row.categories.push_back(code);
         row.factors.emplace_back(name, label);
         factorParts.push_back(Bracket(name, label));
       }
@@ -450,8 +467,16 @@ void GatherCounts(const FitOptions& o, const CsvTable& table, const GZLSettings&
   if (!o.scaleWeight.empty()) report.continuous.push_back({o.scaleWeight, "scale weight", data.GetWeightStat()});
 }
 
-void GatherFit(const FitOptions& o, const GZLOutputStats& stats, FitReport& report) {
+void GatherFit(const FitOptions& o, const IGZLAlgorithm& algorithm, const GZLOutputStats& stats, FitReport& report) {
   const double df = stats.GetNDegFreedom();
+  report.dfResidual = df;
+  report.nRecords = stats.GetDataStats().GetDependentStat().fWeightedN;
+  report.nNonRedundant = 0;
+  for (bool redundant : stats.GetRedundancyIndicators()) report.nNonRedundant += redundant ? 0 : 1;
+  if (const auto* gzlm = dynamic_cast<const GZLAlgorithm*>(&algorithm)) {
+    if (const GZLOmnibusTest* omnibus = gzlm->GetOmnibusTest())
+      report.omnibusNullLogLikelihood = omnibus->GetNullLogLikelihood();
+  }
   const GZLConst_940::ScaleMethod method = EffectiveScaleMethod(o);
   const bool fixedAtEstimate = method == GZLConst_940::ScaleDeviance || method == GZLConst_940::ScalePearson;
   const double logLikelihood = fixedAtEstimate ? stats.GetLogLikehoodScaleFixed() : stats.GetLogLikehood();
@@ -459,11 +484,11 @@ void GatherFit(const FitOptions& o, const GZLOutputStats& stats, FitReport& repo
   report.fit = {
       {"deviance", "Deviance", stats.GetDevianceValue(), df, stats.GetDevianceValueByDegFreedom()},
       {"scaled_deviance", "Scaled deviance", stats.GetScaledDevianceValue(), df, TQMV::Missing},
-      {"pearson_chi_square", "Pearson chi-square", stats.GetPearsonChiSquareValue(), df,
+      {"pearson_chisq", "Pearson chi-square", stats.GetPearsonChiSquareValue(), df,
        stats.GetPearsonChiSquareValueByDegFreedom()},
-      {"scaled_pearson_chi_square", "Scaled Pearson chi-square", stats.GetScaledPearsonChiSquareValue(), df,
+      {"scaled_pearson_chisq", "Scaled Pearson chi-square", stats.GetScaledPearsonChiSquareValue(), df,
        TQMV::Missing},
-      {"log_likelihood", kernel ? "Log-likelihood (kernel)" : "Log-likelihood", logLikelihood, TQMV::Missing,
+      {"loglik", kernel ? "Log-likelihood (kernel)" : "Log-likelihood", logLikelihood, TQMV::Missing,
        TQMV::Missing},
       {"aic", "Akaike's information criterion (AIC)", stats.GetAIC(), TQMV::Missing, TQMV::Missing},
       {"aicc", "Finite sample corrected AIC (AICC)", stats.GetAICC(), TQMV::Missing, TQMV::Missing},
@@ -668,11 +693,11 @@ void WriteText(std::ostream& out, const FitReport& r) {
 
 void JsonStats(JsonWriter& json, const TQRegrParameterStats& st, bool tests) {
   json.Member("estimate", st.GetEstimate());
-  json.Member("std_error", st.GetStdError());
+  json.Member("se", st.GetStdError());
   json.Member("wald_lower", st.GetLowerBound());
   json.Member("wald_upper", st.GetUpperBound());
   if (tests) {
-    json.Member("wald_chi_square", st.GetWaldChiSquare());
+    json.Member("wald_chisq", st.GetWaldChiSquare());
     json.Member("df", st.GetDF());
     json.Member("sig", st.GetSignificance());
   }
@@ -691,7 +716,20 @@ void JsonExtraRow(JsonWriter& json, const char* key, const std::optional<Paramet
   json.EndObject();
 }
 
+// The headline figures, flat and under the names the published reference figures use.
+void JsonHeadline(JsonWriter& json, const FitReport& r) {
+  json.Member("n_records", r.nRecords);
+  json.Member("n_nonredundant", r.nNonRedundant);
+  json.Member("df_residual", r.dfResidual);
+  for (const auto& f : r.fit) json.Member(f.key, f.value);
+  json.Key("scale");
+  r.scale ? json.Number(r.scale->stats.GetEstimate()) : json.Null();
+  json.Key("k");
+  r.k ? json.Number(r.k->stats.GetEstimate()) : json.Null();
+}
+
 void WriteJson(JsonWriter& json, const FitReport& r) {
+  JsonHeadline(json, r);
   json.Key("cases");
   json.BeginObject();
   json.Member("included", r.included);
@@ -743,7 +781,7 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
     json.Member("value", f.value);
     json.Member("df", f.df);
     if (!TQMV::IsMissing(f.perDf) || std::string_view(f.key) == "deviance" ||
-        std::string_view(f.key) == "pearson_chi_square")
+        std::string_view(f.key) == "pearson_chisq")
       json.Member("value_df", f.perDf);
     json.EndObject();
   }
@@ -751,9 +789,10 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
 
   json.Key("omnibus");
   json.BeginObject();
-  json.Member("chi_square", r.omnibusChiSquare);
+  json.Member("chisq", r.omnibusChiSquare);
   json.Member("df", r.omnibusDF);
   json.Member("sig", r.omnibusSig);
+  json.Member("loglik_null", r.omnibusNullLogLikelihood);
   json.Member("null_model_failed", r.omnibusFailed);
   json.EndObject();
 
@@ -762,9 +801,14 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
   json.BeginArray();
   for (const auto& row : r.parameters) {
     json.BeginObject();
-    json.Member("name", row.name);
+    json.Member("term", row.name);
     json.Member("kind", row.kind);
-    if (!row.effect.empty()) json.Member("effect", row.effect);
+    json.Member("effect", row.effectIndex);
+    if (!row.effect.empty()) json.Member("effect_term", row.effect);
+    json.Key("categories");
+    json.BeginArray();
+    for (int c : row.categories) json.Integer(c);
+    json.EndArray();
     if (!row.factors.empty()) {
       json.Key("factors");
       json.BeginObject();
@@ -777,14 +821,17 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
       for (const auto& [variable, power] : row.covariates) json.Member(variable, power);
       json.EndObject();
     }
-    if (!row.target.empty()) json.Member("response_category", row.target);
+    if (!row.target.empty()) {
+      json.Member("logit", row.targetCode);
+      json.Member("response_category", row.target);
+    }
     json.Member("redundant", row.stats.IsRedundant());
     JsonStats(json, row.stats, true);
     json.EndObject();
   }
   json.EndArray();
-  JsonExtraRow(json, "scale", r.scale);
-  JsonExtraRow(json, "negative_binomial_k", r.k);
+  JsonExtraRow(json, "scale_stats", r.scale);
+  JsonExtraRow(json, "k_stats", r.k);
 
   json.Key("convergence");
   json.BeginObject();
@@ -847,7 +894,7 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
 
   FitReport report;
   GatherCounts(o, table, s, *stats, report);
-  GatherFit(o, *stats, report);
+  GatherFit(o, *algorithm, *stats, report);
   GatherParameters(o, table, terms, s, *stats, report);
   report.convergence = StoppingText(stats->GetEstimStopCriterion());
   report.iterations = iterations.LastIteration();
