@@ -37,7 +37,7 @@ constexpr int kRecords = kSubjects * kOccasions;
 using bench_model::kCovariates;
 using bench_model::kLevelsA;
 // Fields: y, x1..x10, A, B, subject, occasion.
-constexpr int kSubjectField = bench_model::kModelFields;
+constexpr int kSubjectField = bench_model::kFields;
 constexpr int kFields = kSubjectField + 2;
 
 FlatSource& Source() {
