@@ -12,6 +12,7 @@
 #include "gee/GEEDesignMatrix.h"
 #include "gee/GEEOptimizer.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLScoringEngine.h"
 #include "support/TQDisplay_940.h"
 
 namespace {
@@ -52,6 +53,7 @@ GEEAlgorithm::~GEEAlgorithm() {
   fpOptimizer.reset();
   fpInference.reset();
   fpOutputStats.reset();
+  fpScoringEngine.reset();
   fpInner.reset();
 }
 
@@ -179,6 +181,7 @@ TQStatus GEEAlgorithm::BuildModel(IGZLRecordSource& source) {
   if (!fbSetupDone) InitializeModel(source);
   fpOptimizer.reset();
   fpInference.reset();
+  ++fFitCount;
   // A new fit replaces the warnings of the previous one.
   fEstimationWarnings.clear();
   fEffectTestWarnings.clear();
@@ -243,10 +246,31 @@ TQStatus GEEAlgorithm::GetOutputStats(const GZLOutputStats*& outputStats) {
   return fStatus = TQStatus();
 }
 
-TQStatus GEEAlgorithm::Score(const Record&, GZLScoreStats&, const int*) {
-  // The scoring engine takes the final estimates, the inference object's covariance and k from
-  // here once it exists; until then no record can be scored.
-  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+TQStatus GEEAlgorithm::Score(const Record& record, GZLScoreStats& scores, const int* mask) {
+  if (!IsModelBuilt()) return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  if (!fpScoringEngine) fpScoringEngine = std::make_unique<GZLScoringEngine>(*fpDesignMatrix, *fpSettings);
+  // The final estimates with the covariance chosen for inference; a GEE fit has no inverse
+  // information, so the leverage and what is built on it cannot be asked for.
+  GZLScoringFit fit;
+  fit.fModelType = GZLConst_940::GEE;
+  fit.fFitCount = fFitCount;
+  fit.fpEstimates = &fpOptimizer->GetParamEstimates();
+  if (fpInference) fit.fpCovariance = fpInference->GetCovarianceMatrix();
+  fit.fPhi = fpOptimizer->GetPhi();
+  fit.fK = fpOptimizer->GetK();
+  fit.fNNonRedundant = fpOptimizer->GetFinalRedunInfo().Count();
+  fit.fDF = fpInference ? fpInference->GetTQuantileDF() : TQMV::Missing;
+  fpScoringEngine->SetFit(fit);
+  if (mask != nullptr && (*mask != fpScoringEngine->GetScoreType() || !fpScoringEngine->IsValidated())) {
+    const TQStatus maskStatus = fpScoringEngine->SetScoreType(*mask);
+    if (!maskStatus.IsOK()) {
+      if (!fStatus.IsError()) fStatus = maskStatus;
+      return maskStatus;
+    }
+  }
+  TQStatus status;
+  fpScoringEngine->ScoreRecord(status, record, scores);
+  return status;
 }
 
 TQStatus GEEAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const TQApplicInfo4XML*) {

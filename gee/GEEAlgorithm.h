@@ -22,6 +22,7 @@ class GZLAlgorithm;
 class GZLInference;
 class GEEDesignMatrix;
 class GEEOptimizer;
+class GZLScoringEngine;
 class TQBitSet;
 
 class GEEAlgorithm : public IGZLAlgorithm {
@@ -105,6 +106,9 @@ class GEEAlgorithm : public IGZLAlgorithm {
   GZLCancelInfo fCancelInfo;
   std::unique_ptr<GZLAlgorithm> fpInner;
   TQFactorCounts fFactorCounts;
+  // Created on the first Score; every fit counts, so that scoring takes a refit's estimates.
+  std::unique_ptr<GZLScoringEngine> fpScoringEngine;
+  long fFitCount = 0;
   // The inner fit reads the host's source through this filter (records of unusable subjects
   // left out), kept for as long as the inner algorithm may read it.
   std::unique_ptr<IGZLRecordSource> fpInnerSource;

@@ -75,6 +75,8 @@ TQStatus GZLInference::ComputeGEE(const GEEOptimizer& optimizer) {
 
   fbTBased = false;
   fDFForT = TQMV::Missing;
+  // The degrees of freedom of t quantiles asked for elsewhere (scoring with test type 0).
+  fTQuantileDF = fNObservations - p;
   fCriticalValue = TQDistFun::IdfNorm(0.5 + fConfidenceLevel / 2.0, 0.0, 1.0);
   ComputeRegressionRows(estimates, fpCovariance.get(), initSet, finalSet, fCriticalValue, false, TQMV::Missing,
                         fParamStats);

@@ -213,4 +213,34 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, doub
   return c;
 }
 
+// The GEE part of a reference model (keys of the GEE references) on top of the settings
+// LoadCase made: subjects, within-subject variables, working correlation, covariance, the GEE
+// iteration controls; no omnibus test.
+inline void ApplyGeeKeys(ReferenceCase& c) {
+  const nlohmann::json& m = c.model;
+  GZLSettings& s = c.settings;
+  auto& src = *c.source;
+  s.SetGZLModelType(GZLConst_940::GEE);
+  s.SetModelFittingTest(false);
+  for (const auto& v : m["subjects"]) ASSERT_TRUE(s.AddGEESubjectVar(src.Column(v), src.Levels(src.Column(v))));
+  for (const auto& v : m.value("within", nlohmann::json::array()))
+    ASSERT_TRUE(s.AddGEEWSVar(src.Column(v), src.Levels(src.Column(v))));
+  static const std::map<std::string, GZLConst_940::CorrType> corr{
+      {"independent", GZLConst_940::Independent}, {"exchangeable", GZLConst_940::Exchangeable},
+      {"ar1", GZLConst_940::AR1},                 {"mdep", GZLConst_940::MDependent},
+      {"unstructured", GZLConst_940::Unstructured}, {"fixed", GZLConst_940::FixedCorr}};
+  s.SetGEECorrType(corr.at(m["corr_type"]));
+  if (m.contains("corr_m")) s.SetGEEMDependentPar(m["corr_m"].get<double>());
+  if (m.contains("corr_matrix")) s.SetWorkCorrMatrix(m["corr_matrix"].get<std::vector<double>>());
+  const auto covb = m.value("covb", std::string("robust")) == "robust" ? TQConst::CovbRobust : TQConst::CovbModelBased;
+  s.SetCovbType(covb);
+  s.SetGEECovbType(covb);
+  s.SetAdjustCorr(m.value("adjust_corr", true));
+  ASSERT_TRUE(s.SetUpdateCorr(m.value("update_corr", 1)));
+  ASSERT_TRUE(s.SetGEEMaxIterations(m.value("gee_max_iter", 100)));
+  ASSERT_TRUE(s.SetGEEPConverge(m.value("gee_pconverge", 1e-10)));
+  s.SetGEEPConvergeType(TQConst::ConvAbsolute);
+  ASSERT_TRUE(s.IsValid());
+}
+
 }  // namespace output_test

@@ -16,6 +16,7 @@
 #include "GZLOutputStats.h"
 #include "GZLProgress.h"
 #include "GZLReporter.h"
+#include "GZLScoreStats.h"
 #include "GZLSettings.h"
 #include "gee/GEEAlgorithm.h"
 #include "gee/GEELLGradHessian.h"
@@ -23,42 +24,16 @@
 #include "gee/GEEQuasiLikelihood.h"
 #include "gee/GEEWorkCorrelation.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLScoringEngine.h"
 #include "output_reference_models.h"
 
+using output_test::ApplyGeeKeys;
 using output_test::LoadCase;
 using output_test::ReferenceCase;
 
 namespace {
 
 std::string GeeDir() { return output_test::RefDir() + "/gee"; }
-
-// The GEE part of a reference model on top of the generalized linear model's settings.
-void ApplyGeeKeys(ReferenceCase& c) {
-  const nlohmann::json& m = c.model;
-  GZLSettings& s = c.settings;
-  auto& src = *c.source;
-  s.SetGZLModelType(GZLConst_940::GEE);
-  s.SetModelFittingTest(false);
-  for (const auto& v : m["subjects"]) ASSERT_TRUE(s.AddGEESubjectVar(src.Column(v), src.Levels(src.Column(v))));
-  for (const auto& v : m.value("within", nlohmann::json::array()))
-    ASSERT_TRUE(s.AddGEEWSVar(src.Column(v), src.Levels(src.Column(v))));
-  static const std::map<std::string, GZLConst_940::CorrType> corr{
-      {"independent", GZLConst_940::Independent}, {"exchangeable", GZLConst_940::Exchangeable},
-      {"ar1", GZLConst_940::AR1},                 {"mdep", GZLConst_940::MDependent},
-      {"unstructured", GZLConst_940::Unstructured}, {"fixed", GZLConst_940::FixedCorr}};
-  s.SetGEECorrType(corr.at(m["corr_type"]));
-  if (m.contains("corr_m")) s.SetGEEMDependentPar(m["corr_m"].get<double>());
-  if (m.contains("corr_matrix")) s.SetWorkCorrMatrix(m["corr_matrix"].get<std::vector<double>>());
-  const auto covb = m.value("covb", std::string("robust")) == "robust" ? TQConst::CovbRobust : TQConst::CovbModelBased;
-  s.SetCovbType(covb);
-  s.SetGEECovbType(covb);
-  s.SetAdjustCorr(m.value("adjust_corr", true));
-  ASSERT_TRUE(s.SetUpdateCorr(m.value("update_corr", 1)));
-  ASSERT_TRUE(s.SetGEEMaxIterations(m.value("gee_max_iter", 100)));
-  ASSERT_TRUE(s.SetGEEPConverge(m.value("gee_pconverge", 1e-10)));
-  s.SetGEEPConvergeType(TQConst::ConvAbsolute);
-  ASSERT_TRUE(s.IsValid());
-}
 
 // The tolerance of the GEE references: relative 1e-6, absolute 1e-8 near zero.
 void ExpectRel(double expected, double actual, const std::string& what) {
@@ -126,10 +101,12 @@ class CancelAfter : public TQQueryCancel {
 }  // namespace
 
 TEST(GEE, ReferenceFits) {
+  // The GEE cases, and the fit behind the GEE case of the scoring references.
   std::vector<std::string> files;
   for (const auto& e : std::filesystem::directory_iterator(GeeDir() + "/expected")) files.push_back(e.path().string());
   std::sort(files.begin(), files.end());
-  ASSERT_GE(files.size(), 8u);
+  ASSERT_EQ(files.size(), 7u);
+  files.push_back(std::string(GZL_TEST_DATA_DIR) + "/scoring/expected/ships_gee_poisson_independent.json");
   for (const std::string& file : files) {
     const bool ships = file.find("ships_gee") != std::string::npos;
     auto c = LoadCase(file, 1e-10, ships ? "" : GeeDir() + "/data");
@@ -299,6 +276,24 @@ TEST(GEE, FixedCorrelation) {
   EXPECT_FALSE(fit({0.5, 0.4, 0.5}).second);
   EXPECT_EQ(fit({0.5, 0.4, 0.5, 0.1}).first.GetErrorCode(), GZLStatusCode::CorrFixedNumberMismatch);
   EXPECT_EQ(fit({0.5, -0.2, 0.5}).first.GetErrorCode(), GZLStatusCode::CorrFixedNumberOutRange);
+}
+
+TEST(GEE, ScoringRequests) {
+  // Before a fit nothing is scored; a GEE fit has no leverage, nor what is built on it.
+  GZLSettings s = SmallModel(GZLConst_940::Exchangeable);
+  GZLMemorySource source(SmallData(10, 3));
+  std::unique_ptr<IGZLAlgorithm> a(GZLFactory::CreateAlgorithm(s, false));
+  const std::vector<double> values{1.0, 2.0, 1.0, 0.5};
+  const Record record(values.data(), values.size());
+  GZLScoreStats scores(GZLConst_940::GEE);
+  const int predict = GZLScoringEngine::ScoreXBPRED | GZLScoringEngine::ScoreMEANPRED;
+  EXPECT_EQ(a->Score(record, scores, &predict).GetErrorCode(), GZLStatusCode::ModelNotBuilt);
+  ASSERT_FALSE(a->BuildModel(source).IsError());
+  EXPECT_TRUE(a->Score(record, scores, &predict).IsOK());
+  EXPECT_NEAR(scores.GetMEANPRED(), a->GetOptimizer()->GetParamEstimates()[0] + 0.5 * a->GetOptimizer()->GetParamEstimates()[1],
+              1e-12);
+  const int leverage = GZLScoringEngine::ScoreLEVERAGE;
+  EXPECT_EQ(a->Score(record, scores, &leverage).GetErrorCode(), GZLStatusCode::InvalidScoreType);
 }
 
 TEST(GEE, MultinomialResponsesCannotBeBuilt) {
