@@ -165,7 +165,7 @@ TQStatus GEEAlgorithm::ComputeInitialValues(IGZLRecordSource& source) {
     if (fpInner && !RunInnerFit(source, status)) return innerFailure();
     // The host's values of aliased columns do not count: they start at 0.
     const TQStatus redundancy = DesignRedundancy(inModel);
-    if (redundancy.IsError()) return redundancy.GetErrorCode() == GZLStatusCode::Cancelled ? redundancy : failed;
+    if (redundancy.IsError()) return redundancy;
     p = inModel.Count();
     for (int j = 0; j < P && j < static_cast<int>(init.size()); ++j)
       if (!inModel.Test(j)) init[static_cast<std::size_t>(j)] = 0.0;
@@ -198,8 +198,10 @@ TQStatus GEEAlgorithm::BuildModel(IGZLRecordSource& source) {
   fpOptimizer = std::make_unique<GEEOptimizer>(*fpDesignMatrix, *fpSettings);
   const TQStatus initial = ComputeInitialValues(source);
   if (initial.IsError()) {
-    fStatus = initial.GetErrorCode() == GZLStatusCode::Cancelled ? initial
-                                                                   : TQStatus::Error(GZLStatusCode::InitialValueFailed);
+    // A cancel, or a source that cannot start a pass, is said as such.
+    const int code = initial.GetErrorCode();
+    const bool passFailed = code == GZLStatusCode::Cancelled || code == GZLStatusCode::NewPass;
+    fStatus = passFailed ? initial : TQStatus::Error(GZLStatusCode::InitialValueFailed);
     return fStatus;
   }
   GZLAlgorithm::AddWarning(fEstimationWarnings, initial);

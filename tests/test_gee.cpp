@@ -26,6 +26,7 @@
 #include "inference/GZLInference.h"
 #include "inference/GZLScoringEngine.h"
 #include "output_reference_models.h"
+#include "support/TQDisplay_940.h"
 
 using output_test::ApplyGeeKeys;
 using output_test::LoadCase;
@@ -350,6 +351,24 @@ TEST(GEE, InitialValues) {
   EXPECT_EQ(g.algorithm->GetOptimizer()->GetIterationNumber(), 0);
 }
 
+TEST(GEE, SourcesThatCannotServe) {
+  // An empty source; a source that cannot rewind: the inner fit finds no record (no initial
+  // values), and without an inner fit the first GEE pass cannot start.
+  GZLSettings s = SmallModel(GZLConst_940::Exchangeable);
+  GZLMemorySource empty;
+  EXPECT_EQ(RunFit(s, empty).status.GetErrorCode(), GZLStatusCode::NoValidRecords);
+  GZLMemorySource once(SmallData(10, 3), false);
+  Fit f = RunFit(s, once);
+  EXPECT_EQ(f.status.GetErrorCode(), GZLStatusCode::InitialValueFailed);
+  GZLSettings host = SmallModel(GZLConst_940::Exchangeable);
+  ASSERT_TRUE(host.SetMaxIterations(0));
+  host.SetInitParams({0.5, 0.1, 1.0});
+  GZLMemorySource again(SmallData(10, 3), false);
+  std::unique_ptr<IGZLAlgorithm> a(GZLFactory::CreateAlgorithm(host, false));
+  EXPECT_EQ(a->BuildModel(again).GetErrorCode(), GZLStatusCode::NewPass);
+  EXPECT_FALSE(a->IsModelBuilt());
+}
+
 TEST(GEE, CancelledDuringAPass) {
   const auto rows = SmallData(25, 3);
   // How often a whole fit asks; then cancels in the dictionary pass, the inner fit, and a
@@ -509,4 +528,25 @@ TEST(GEE, IterationProgress) {
   for (int i = 0; i < n; ++i) EXPECT_EQ(listener.iterations[static_cast<std::size_t>(i)], i);
   EXPECT_TRUE(listener.estimates);
   EXPECT_TRUE(listener.noLikelihood);
+}
+
+TEST(GEE, DiagnosticDisplay) {
+  GZLSettings s = SmallModel(GZLConst_940::Exchangeable);
+  GZLMemorySource source(SmallData(10, 3));
+  Fit f = RunFit(s, source);
+  ASSERT_NE(f.stats, nullptr);
+  std::ostringstream out;
+  {
+    TQDisplay_940::ScopedStream redirect(out);
+    f.algorithm->Display();
+    f.algorithm->GetOptimizer()->Display();
+  }
+  const std::string text = out.str();
+  for (const char* label : {"GEEAlgorithm display start", "Effect info:", "info no.", "combinations:",
+                            "GEEAlgorithm display end", "GEEOptimizer display start", "Model convergence indicator",
+                            "Stopping criteria = All convergence criteria are satisfied", "Phi value",
+                            "R transformed indicator", "The workCorrelation matrix start",
+                            "Start of GEEWorkCorrelation display.", "Correlation type = Exchangeable",
+                            "GEEScaleParameter display start", "GEEOptimizer display end"})
+    EXPECT_NE(text.find(label), std::string::npos) << label;
 }
