@@ -66,6 +66,10 @@ struct GZLOutputStats::Impl {
   double fOmnibusSig = TQMV::Missing;
   bool fbOmnibusFailedInitModel = false;
   TQStatus fPLCIStatus = TQStatus::Error(GZLStatusCode::NoValidPLCIStats);
+  // Wald tests of model effects (empty when not computed)
+  TQModelTestStats fTypeIModelTestStats;
+  TQModelTestStats fTypeIIIModelTestStats;
+  TQModelTestStats fCorrectedModelTest;
 
   // state
   bool fbPerfectFit = false;
@@ -148,6 +152,9 @@ void GZLOutputStats::Impl::CopyInference(const GZLInference& inf) {
   fPseudoR2 = inf.GetPseudoR2();
   fStatComputeWarnings = inf.GetStatComputeWarnings();
   fPLCIStatus = inf.GetPLCIStatus();
+  if (const TQModelTestStats* t = inf.GetTypeITestStats()) fTypeIModelTestStats = *t;
+  if (const TQModelTestStats* t = inf.GetTypeIIITestStats()) fTypeIIIModelTestStats = *t;
+  if (const TQModelTestStats* t = inf.GetCorrectedModelTest()) fCorrectedModelTest = *t;
 }
 
 GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& algorithm)
@@ -265,6 +272,10 @@ double GZLOutputStats::GetLagrangeSigLessZero() const { return fpImpl->fLagrange
 double GZLOutputStats::GetLagrangeSigGreaterZero() const { return fpImpl->fLagrangeSigGreaterZero; }
 double GZLOutputStats::GetLagrangeSigNonDir() const { return fpImpl->fLagrangeSigNonDir; }
 
+const TQModelTestStats& GZLOutputStats::GetTypeITestStats() const { return fpImpl->fTypeIModelTestStats; }
+const TQModelTestStats& GZLOutputStats::GetTypeIIITestStats() const { return fpImpl->fTypeIIIModelTestStats; }
+const TQModelTestStats& GZLOutputStats::GetCorrectedModelTest() const { return fpImpl->fCorrectedModelTest; }
+
 TQStatus GZLOutputStats::GetPLCIStatus() const { return fpImpl->fPLCIStatus; }
 
 // ---- state: read from the algorithm's current optimizer ----
@@ -350,6 +361,9 @@ void GZLOutputStats::Display() const {
   DisplayDF("fOmnibusDF", m.fOmnibusDF);
   DisplayDF("fOmnibusSig", m.fOmnibusSig);
   DisplayB("fbOmnibusFailedInitModel", m.fbOmnibusFailedInitModel);
+  m.fTypeIModelTestStats.Display("fpTypeIModelTestStats");
+  m.fTypeIIIModelTestStats.Display("fpTypeIIIModelTestStats");
+  m.fCorrectedModelTest.Display("fpCorrectedModelTest");
   DisplayDF("Negative binomial k", m.fNegBinK);
   DisplayB("Perfect fit indicator", m.fbPerfectFit);
   DisplayB("Singular Hessian indicator", IsSingularHessian());

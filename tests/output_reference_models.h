@@ -115,11 +115,9 @@ struct ReferenceCase {
 };
 
 // dataDir: the folder of the case's data file (the reference data folder when empty).
-inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10,
+inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double tolerance = 1e-10,
                                                const std::string& dataDir = "") {
   auto c = std::make_unique<ReferenceCase>();
-  std::ifstream in(jsonPath);
-  const nlohmann::json j = nlohmann::json::parse(in);
   c->name = j["name"];
   c->model = j["model"];
   c->expected = j["expected"];
@@ -211,6 +209,16 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, doub
   s.SetModelFittingTest(true);
   if (!s.IsValid()) fail("settings not valid");
   return c;
+}
+
+inline nlohmann::json ReadCase(const std::string& jsonPath) {
+  std::ifstream in(jsonPath);
+  return nlohmann::json::parse(in);
+}
+
+inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10,
+                                               const std::string& dataDir = "") {
+  return LoadCase(ReadCase(jsonPath), tolerance, dataDir);
 }
 
 // The GEE part of a reference model (keys of the GEE references) on top of the settings
