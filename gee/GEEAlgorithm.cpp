@@ -12,6 +12,7 @@
 #include "gee/GEEDesignMatrix.h"
 #include "gee/GEEOptimizer.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLModelEffectTest.h"
 #include "inference/GZLScoringEngine.h"
 #include "support/TQDisplay_940.h"
 
@@ -235,8 +236,24 @@ void GEEAlgorithm::RunInference() {
   fpInference = std::make_unique<GZLInference>(*fpSettings);
   const TQStatus inference = fpInference->ComputeGEE(*fpOptimizer);
   GZLAlgorithm::AddWarning(fEstimationWarnings, inference);
-  // The Wald tests of model effects attach to the inference object here (unless records were
-  // invalid for the link); the generalized score tests and the marginal means follow them.
+  // Wald tests of model effects on the covariance chosen for inference, unless none are asked
+  // for or records were refused for the link. Their hypotheses come from the weighted
+  // cross-products of the design at the final estimates: the information of the independence
+  // model of the robust pass (a multiple of X'WX, which leaves the hypotheses unchanged).
+  if (fpSettings->GetEffectAnalysisType() == TQConst::EffectNone || fpOptimizer->IsInvalidForLink()) return;
+  const TQSymMatrix& crossProducts = fpOptimizer->GetIndependenceInformation();
+  if (crossProducts.GetNumRows() == fpOptimizer->GetNumParams())
+    GZLAlgorithm::AddWarning(fEffectTestWarnings,
+                             fpInference->SetEffectTestData(std::make_unique<GZLModelEffectTestData>(
+                                 *fpSettings, fEffectInfo, fpOptimizer->GetNumParams(), crossProducts)));
+  std::vector<TQStatus> warnings;
+  GZLAlgorithm::AddWarning(fEffectTestWarnings,
+                           fpInference->ComputeEffectTests(fpOptimizer->GetParamEstimates(),
+                                                           fpOptimizer->GetInitRedunInfo(),
+                                                           fpInference->GetCovarianceMatrix(), TQMV::Missing, warnings));
+  for (const TQStatus& w : warnings) GZLAlgorithm::AddWarning(fEffectTestWarnings, w);
+  // The generalized score tests of likelihood-ratio effect analysis and the marginal means
+  // follow here.
 }
 
 const std::vector<std::vector<int>>* GEEAlgorithm::GetPWCombinations(int) { return nullptr; }

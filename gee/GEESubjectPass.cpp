@@ -292,9 +292,11 @@ void GEESubjectPass::AddIndependenceTerms(const double* x, const GEERecordFit& f
   const double Vd = fbObservedInformation ? fpVariance->GetVarianceDeriv(fit.fMu) : 0.0;
   const double g2 = fbObservedInformation ? fpLink->GetSecondDeriv(fit.fMu, nullptr) : 0.0;
   if (!(fit.fV > 0.0) || TQMV::IsMissing(Vd) || TQMV::IsMissing(g2) || !(fPhi > 0.0)) return;
+  // Over every column, aliased ones included: the same matrix serves as the weighted
+  // cross-products of the design from which the hypotheses of the effect tests are built.
   fIndices.clear();
   fValues.clear();
-  for (const int c : fActive) {
+  for (int c = 0; c < fP; ++c) {
     if (x[c] == 0.0) continue;
     fIndices.push_back(c);
     fValues.push_back(x[c]);

@@ -24,6 +24,7 @@
 #include "gee/GEEQuasiLikelihood.h"
 #include "gee/GEEWorkCorrelation.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLModelEffectTest.h"
 #include "inference/GZLScoringEngine.h"
 #include "output_reference_models.h"
 #include "support/TQDisplay_940.h"
@@ -549,4 +550,45 @@ TEST(GEE, DiagnosticDisplay) {
                             "Start of GEEWorkCorrelation display.", "Correlation type = Exchangeable",
                             "GEEScaleParameter display start", "GEEOptimizer display end"})
     EXPECT_NE(text.find(label), std::string::npos) << label;
+}
+
+TEST(GEE, WaldTestsOfEffectsOnTheChosenCovariance) {
+  // Without interactions, the type III hypothesis of an effect is its own parameters: the
+  // statistic is b' C^-1 b over its non-redundant columns, with C the covariance chosen for
+  // inference (robust here).
+  auto c = LoadCase(GeeDir() + "/expected/dietox_normal_ar1_maxiter2.json", 1e-10, GeeDir() + "/data");
+  ApplyGeeKeys(*c);
+  c->settings.SetEffectAnalysisType(TQConst::EffectTypeIII);
+  c->settings.SetEffectAnalysisStat(GZLConst_940::EffectStatWald);
+  Fit f = RunFit(c->settings, *c->source);
+  ASSERT_NE(f.stats, nullptr);
+  const auto* gee = dynamic_cast<const GEEAlgorithm*>(f.algorithm.get());
+  const GZLModelEffectTestData* data = gee->GetInference()->GetEffectTestData();
+  ASSERT_NE(data, nullptr);
+  const TQModelTestStats& tests = f.stats->GetTypeIIITestStats();
+  const TQSymMatrix& C = f.stats->GetCovarianceMatrix();
+  const std::vector<double>& b = f.stats->GetParamEstimates();
+  int checked = 0;
+  for (int t = 0; t < data->GetNumTests(); ++t) {
+    if (data->GetSettingsEffect(t) < 0) continue;
+    std::vector<int> cols;
+    for (int j = data->GetFirstColumn(t); j < data->GetFirstColumn(t) + data->GetNumColumns(t); ++j)
+      if (!f.stats->GetRedundancyIndicators()[static_cast<std::size_t>(j)]) cols.push_back(j);
+    const int n = static_cast<int>(cols.size());
+    TQSymMatrix block(n), inverse;
+    for (int i = 0; i < n; ++i)
+      for (int k = 0; k <= i; ++k) block(i, k) = C(cols[static_cast<std::size_t>(i)], cols[static_cast<std::size_t>(k)]);
+    std::vector<double> diagonal;
+    block.GetDiagonal(diagonal);
+    TQBitSet set;
+    ASSERT_EQ(block.CholInverse(diagonal, 1e-12, inverse, set), n);
+    std::vector<double> bJ;
+    for (int j : cols) bJ.push_back(b[static_cast<std::size_t>(j)]);
+    const TQModelTestStats::Test* test = tests.FindEffect(t);
+    ASSERT_NE(test, nullptr);
+    EXPECT_EQ(test->fDF, n);
+    EXPECT_NEAR(test->fChiSquare, inverse.ComputeVSV(bJ), 1e-8 * test->fChiSquare);
+    ++checked;
+  }
+  EXPECT_EQ(checked, 2);
 }
