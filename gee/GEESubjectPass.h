@@ -5,9 +5,10 @@
 //   D_i = rows x_j / g'(mu_j),  e_i = y_j - mu_j,  s_j = sqrt(V(mu_j) / a_j),
 //   V_i(j, k) = R(pos_j, pos_k) s_j s_k phi,  W_i = V_i^- D_i (the generalized inverse),
 //   U += w W_i' e_i,  H += w W_i' D_i,  X2 += sum |a_j / V_j| e_j^2 f_j.
-// The robust pass at the final estimates adds instead M += w u_i u_i' with u_i = W_i' e_i, the
-// quasi-likelihood Q under independence and the generalized linear model's information of the
-// independence model (the QIC trace term needs it at the same estimates and phi).
+// The robust pass at the final estimates adds instead M += w u_i u_i' with u_i = W_i' e_i (a
+// subject of weight w counts as w identical subjects), the quasi-likelihood Q under independence
+// and the generalized linear model's information of the independence model (the QIC trace term
+// needs it at the same estimates and phi).
 //
 // U, H and M are kept over the parameters in the model only (set by SetActive) and expanded to
 // all P parameters when read. Per-subject work lives in buffers that grow to the largest subject
