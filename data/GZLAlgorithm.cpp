@@ -340,11 +340,8 @@ void GZLAlgorithm::RunInference() {
 
 void GZLAlgorithm::RunMarginalMeans() {
   fpMarginals = std::make_unique<GZLMarginals>(*fpSettings, *this, *fpDesignMatrix, fCancelInfo);
-  AddWarning(fEmmeansWarnings, fpMarginals->ComputeEmmeans());
-  for (int i = 0; i < fpMarginals->GetNEmmeansSpecs(); ++i) {
-    AddWarning(fEmmeansWarnings, fpMarginals->GetSpecStatus(i));
-    for (const TQStatus& w : fpMarginals->GetTableWarnings(i)) AddWarning(fEmmeansWarnings, w);
-  }
+  fpMarginals->ComputeEmmeans();
+  fpMarginals->AddWarnings(fEmmeansWarnings);
   // The output statistics exist from here on; they supply the residual degrees of freedom.
   if (!fpOutputStats) fpOutputStats = std::make_unique<GZLOutputStats>(*fpSettings, *this);
   AddWarning(fEmmeansWarnings, fpMarginals->SetEmmeansTesting(fpInference->GetCovarianceMatrix(), *fpOutputStats));

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "GZLConst_940.h"
+#include "GZLMarginals.h"
 #include "GZLOutputStats.h"
 #include "GZLSettings.h"
 #include "data/GZLAlgorithm.h"
@@ -56,6 +57,7 @@ GEEAlgorithm::~GEEAlgorithm() {
   fpOutputStats.reset();
   fpScoringEngine.reset();
   fpInner.reset();
+  fpMarginals.reset();
 }
 
 std::string GEEAlgorithm::GetComponentInfo() const {
@@ -80,6 +82,7 @@ TQStatus GEEAlgorithm::InitializeModel(IGZLRecordSource& source) {
   fWSCombinations.clear();
   fpOptimizer.reset();
   fpInference.reset();
+  fpMarginals.reset();
   fpDesignMatrix = std::make_unique<GEEDesignMatrix>(*fpSettings);
   TQStatus status;
   fpDesignMatrix->RunDictionaryPass(status, source);
@@ -236,11 +239,25 @@ void GEEAlgorithm::RunInference() {
   fpInference = std::make_unique<GZLInference>(*fpSettings);
   const TQStatus inference = fpInference->ComputeGEE(*fpOptimizer);
   GZLAlgorithm::AddWarning(fEstimationWarnings, inference);
-  // Wald tests of model effects on the covariance chosen for inference, unless none are asked
-  // for or records were refused for the link. Their hypotheses come from the weighted
-  // cross-products of the design at the final estimates: the information of the independence
-  // model of the robust pass (a multiple of X'WX, which leaves the hypotheses unchanged).
-  if (fpSettings->GetEffectAnalysisType() == TQConst::EffectNone || fpOptimizer->IsInvalidForLink()) return;
+  // Tests of model effects and marginal means, unless records were refused for the link.
+  if (fpOptimizer->IsInvalidForLink()) return;
+  if (fpSettings->GetEffectAnalysisType() != TQConst::EffectNone) RunEffectTests();
+  // The generalized score tests of likelihood-ratio effect analysis follow here.
+  if (fpSettings->GetNEmmeansSpecs() == 0) return;
+  // The means on the GEE estimates with the covariance chosen for inference (robust or
+  // model-based).
+  fpMarginals = std::make_unique<GZLMarginals>(*fpSettings, *this, *fpDesignMatrix, fCancelInfo);
+  fpMarginals->ComputeEmmeans();
+  fpMarginals->AddWarnings(fEmmeansWarnings);
+  if (!fpOutputStats) fpOutputStats = std::make_unique<GZLOutputStats>(*fpSettings, *this);
+  GZLAlgorithm::AddWarning(fEmmeansWarnings,
+                           fpMarginals->SetEmmeansTesting(fpInference->GetCovarianceMatrix(), *fpOutputStats));
+}
+
+void GEEAlgorithm::RunEffectTests() {
+  // Their hypotheses come from the weighted cross-products of the design at the final
+  // estimates: the information of the independence model of the robust pass (a multiple of
+  // X'WX, which leaves the hypotheses unchanged).
   const TQSymMatrix& crossProducts = fpOptimizer->GetIndependenceInformation();
   if (crossProducts.GetNumRows() == fpOptimizer->GetNumParams())
     GZLAlgorithm::AddWarning(fEffectTestWarnings,
@@ -252,11 +269,19 @@ void GEEAlgorithm::RunInference() {
                                                            fpOptimizer->GetInitRedunInfo(),
                                                            fpInference->GetCovarianceMatrix(), TQMV::Missing, warnings));
   for (const TQStatus& w : warnings) GZLAlgorithm::AddWarning(fEffectTestWarnings, w);
-  // The generalized score tests of likelihood-ratio effect analysis and the marginal means
-  // follow here.
 }
 
-const std::vector<std::vector<int>>* GEEAlgorithm::GetPWCombinations(int) { return nullptr; }
+const std::vector<std::vector<int>>* GEEAlgorithm::GetPWCombinations(int emmeansIndex) {
+  if (!IsModelBuilt()) return nullptr;
+  if (!fpMarginals) {
+    // Not made by the fit: none were asked for, or records were refused for the link.
+    if (fpOptimizer->IsInvalidForLink()) return nullptr;
+    fpMarginals = std::make_unique<GZLMarginals>(*fpSettings, *this, *fpDesignMatrix, fCancelInfo);
+    fpMarginals->ComputeEmmeans();
+  }
+  if (!fpMarginals->GetPWCombinations(emmeansIndex, fPWCombinations)) return nullptr;
+  return &fPWCombinations;
+}
 
 TQStatus GEEAlgorithm::GetOutputStats(const GZLOutputStats*& outputStats) {
   if (!IsModelBuilt()) return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
@@ -304,6 +329,7 @@ TQStatus GEEAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const T
 void GEEAlgorithm::Display() const {
   using namespace TQDisplay_940;
   DisplayText(1, "GEEAlgorithm display start");
+  if (fpMarginals) fpMarginals->Display();
   DisplayText(1, "Effect info:");
   for (std::size_t i = 0; i < fEffectInfo.size(); ++i) {
     const GZLEffectInfo& info = fEffectInfo[i];

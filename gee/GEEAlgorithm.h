@@ -23,6 +23,7 @@ class GZLInference;
 class GEEDesignMatrix;
 class GEEOptimizer;
 class GZLScoringEngine;
+class GZLMarginals;
 class TQBitSet;
 
 class GEEAlgorithm : public IGZLAlgorithm {
@@ -73,6 +74,8 @@ class GEEAlgorithm : public IGZLAlgorithm {
   // the quasi-likelihood criteria.
   const GZLInference* GetInference() const noexcept { return fpInference.get(); }
   const GZLAlgorithm* GetInnerAlgorithm() const noexcept { return fpInner.get(); }
+  // The marginal means of the last fit that computed them (null when none).
+  const GZLMarginals* GetMarginals() const noexcept { return fpMarginals.get(); }
   const GZLCancelInfo& GetCancelInfo() const noexcept { return fCancelInfo; }
 
  private:
@@ -84,8 +87,11 @@ class GEEAlgorithm : public IGZLAlgorithm {
   bool RunInnerFit(IGZLRecordSource& source, TQStatus& status);
   // Redundancy of the design from the cross-products of its rows (host initial values).
   TQStatus DesignRedundancy(TQBitSet& inModel);
-  // Everything after the iterations: robust pass, inference, criteria.
+  // Everything after the iterations: robust pass, inference, criteria, tests of effects,
+  // marginal means.
   void RunInference();
+  // Wald tests of model effects on the covariance chosen for inference.
+  void RunEffectTests();
   void BuildParameterList();
 
   const GZLSettings* fpSettings;
@@ -109,6 +115,8 @@ class GEEAlgorithm : public IGZLAlgorithm {
   // Created on the first Score; every fit counts, so that scoring takes a refit's estimates.
   std::unique_ptr<GZLScoringEngine> fpScoringEngine;
   long fFitCount = 0;
+  // Replaced by every fit that computes marginal means.
+  std::unique_ptr<GZLMarginals> fpMarginals;
   // The inner fit reads the host's source through this filter (records of unusable subjects
   // left out), kept for as long as the inner algorithm may read it.
   std::unique_ptr<IGZLRecordSource> fpInnerSource;

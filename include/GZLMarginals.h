@@ -92,8 +92,11 @@ class GZLMarginals {
   // covariate that is not in the model, or a compare factor that is not among the factors),
   // 130035 (no table of an incomplete design has two levels of the compare factor).
   TQStatus GetSpecStatus(int spec) const;
-  // The warnings of a specification's tables (130041, 130042, 130043), each once.
+  // The statuses of a specification's tables (130041, 130042, 130043), each once.
   const std::vector<TQStatus>& GetTableWarnings(int spec) const;
+  // Adds the warnings of ComputeEmmeans (the specifications' and their tables') to a driver's
+  // list, each once.
+  void AddWarnings(std::vector<TQStatus>& warnings) const;
   // Whether the means weight the levels of the other factors equally (a complete design).
   bool IsDesignComplete() const noexcept { return fbCompleteDesign; }
 

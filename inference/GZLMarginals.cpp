@@ -9,6 +9,7 @@
 #include "GZLOutputStats.h"
 #include "GZLSettings.h"
 #include "IGZLAlgorithm.h"
+#include "data/GZLAlgorithm.h"
 #include "data/GZLDesignMatrix.h"
 #include "data/GZLRecordAccess.h"
 #include "diagnostics/GZLComponentDisplay_940.h"
@@ -446,6 +447,14 @@ const std::vector<TQStatus>& GZLMarginals::GetTableWarnings(int spec) const {
   static const std::vector<TQStatus> kNone;
   if (spec < 0 || spec >= GetNEmmeansSpecs()) return kNone;
   return fSpecs[static_cast<std::size_t>(spec)].fTableWarnings;
+}
+
+void GZLMarginals::AddWarnings(std::vector<TQStatus>& warnings) const {
+  GZLAlgorithm::AddWarning(warnings, fStatus);
+  for (const Spec& s : fSpecs) {
+    GZLAlgorithm::AddWarning(warnings, s.fStatus);
+    for (const TQStatus& w : s.fTableWarnings) GZLAlgorithm::AddWarning(warnings, w);
+  }
 }
 
 double GZLMarginals::ComputePercentile(double p) const {

@@ -218,6 +218,7 @@ GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GEEAlgorithm& 
 GZLOutputStats::~GZLOutputStats() = default;
 
 const GZLMarginals* GZLOutputStats::GetMarginals() const {
+  if (fpImpl->fpGEEAlgorithm != nullptr) return fpImpl->fpGEEAlgorithm->GetMarginals();
   return fpImpl->fpAlgorithm != nullptr ? fpImpl->fpAlgorithm->GetMarginals() : nullptr;
 }
 
