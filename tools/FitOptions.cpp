@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "tools/Emmeans.h"
 #include "tools/ModelSpec.h"
 
 namespace {
@@ -67,6 +68,32 @@ constexpr std::array kEffectTestNames{
     FitOptionName{"type3", TQConst::EffectTypeIII},
     FitOptionName{"both", TQConst::EffectTypeIAndIII},
     FitOptionName{"none", TQConst::EffectNone},
+};
+
+constexpr std::array kEmmeansContrastNames{
+    FitOptionName{"pairwise", TQConst::ContrastPairwise},     FitOptionName{"simple", TQConst::ContrastSimple},
+    FitOptionName{"deviation", TQConst::ContrastDeviation},   FitOptionName{"helmert", TQConst::ContrastHelmert},
+    FitOptionName{"difference", TQConst::ContrastDifference}, FitOptionName{"repeated", TQConst::ContrastRepeated},
+    FitOptionName{"polynomial", TQConst::ContrastPolynomial}, FitOptionName{"none", TQConst::ContrastNone},
+};
+
+constexpr std::array kEmmeansScaleNames{
+    FitOptionName{"response", TQConst::EmmScaleOriginal},
+    FitOptionName{"linear", TQConst::EmmScaleTransformed},
+};
+
+constexpr std::array kEmmeansAdjustNames{
+    FitOptionName{"none", TQConst::PAdjNone},
+    FitOptionName{"bonferroni", TQConst::PAdjBonferroni},
+    FitOptionName{"seq_bonferroni", TQConst::PAdjSeqBonferroni},
+    FitOptionName{"holm", TQConst::PAdjSeqBonferroni},
+    FitOptionName{"sidak", TQConst::PAdjSidak},
+    FitOptionName{"seq_sidak", TQConst::PAdjSeqSidak},
+};
+
+constexpr std::array kEmmeansTestNames{
+    FitOptionName{"chisq", TQConst::TestType2},
+    FitOptionName{"f", TQConst::TestType0},
 };
 
 bool IsMultinomial(TQConst::DistType d) {
@@ -250,6 +277,10 @@ std::span<const FitOptionName> HessianMethodNames() { return kHessianMethodNames
 std::span<const FitOptionName> ConvergenceTypeNames() { return kConvergenceTypeNames; }
 std::span<const FitOptionName> LogLikelihoodTypeNames() { return kLogLikelihoodTypeNames; }
 std::span<const FitOptionName> EffectTestNames() { return kEffectTestNames; }
+std::span<const FitOptionName> EmmeansContrastNames() { return kEmmeansContrastNames; }
+std::span<const FitOptionName> EmmeansScaleNames() { return kEmmeansScaleNames; }
+std::span<const FitOptionName> EmmeansAdjustNames() { return kEmmeansAdjustNames; }
+std::span<const FitOptionName> EmmeansTestNames() { return kEmmeansTestNames; }
 
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value) {
   const auto it = std::find_if(names.begin(), names.end(), [value](const FitOptionName& n) { return n.value == value; });
@@ -293,7 +324,7 @@ bool CheckFitOptions(const FitOptions& options, std::string& error) {
   return CheckResponse(options, error) && CheckDistributionAndLink(options, error) &&
          CheckDistributionParameter(options, error) && CheckScale(options, error) &&
          CheckControls(options, error) && ValidateVariableLists(options.factors, options.covariates, error) &&
-         CheckRoles(options, error);
+         CheckRoles(options, error) && CheckEmmeansOptions(options, error);
 }
 
 std::vector<CsvColumnRequest> FitColumnRequests(const FitOptions& options) {

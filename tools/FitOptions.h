@@ -78,6 +78,19 @@ struct FitOptions {
   std::optional<TQConst::TQEffectAnalysisType> effectTests;
   bool json = false;
   bool dryRun = false;  // describe the model and stop
+
+  // Estimated marginal means: one request per entry ("a", "a*b": the cells of a by b with a
+  // compared within each b; "a|b*c": a compared within each combination of b and c), and the
+  // choices every request shares. Empty optionals keep the tool's defaults: pairwise
+  // comparisons, the response scale, no adjustment, chi-square tests.
+  std::vector<std::string> emmeans;
+  std::optional<TQConst::TQContrastType> emmeansContrast;
+  std::string emmeansReference;       // label of the simple contrast's reference; empty: the last
+  std::vector<double> emmeansMetric;  // polynomial contrast: one value per level
+  std::optional<TQConst::TQEmmScaleType> emmeansScale;
+  std::optional<TQConst::TQPAdjustMethod> emmeansAdjust;
+  std::vector<std::string> emmeansAt;  // covariate values, "name=value"
+  std::optional<TQConst::TQTestType> emmeansTest;
 };
 
 // Names accepted on the command line for an enumerated choice; the first name of each value is
@@ -93,6 +106,10 @@ std::span<const FitOptionName> HessianMethodNames();
 std::span<const FitOptionName> ConvergenceTypeNames();
 std::span<const FitOptionName> LogLikelihoodTypeNames();
 std::span<const FitOptionName> EffectTestNames();
+std::span<const FitOptionName> EmmeansContrastNames();
+std::span<const FitOptionName> EmmeansScaleNames();
+std::span<const FitOptionName> EmmeansAdjustNames();
+std::span<const FitOptionName> EmmeansTestNames();
 // The output name of a value, "unknown" when the table has none.
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value);
 

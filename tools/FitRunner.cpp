@@ -25,6 +25,7 @@
 #include "inference/GZLOmnibusTest.h"
 #include "support/TQMV.h"
 #include "tools/EffectTests.h"
+#include "tools/Emmeans.h"
 #include "tools/FitControl.h"
 #include "tools/JsonWriter.h"
 #include "tools/ModelInfo.h"
@@ -236,7 +237,8 @@ bool BuildSettings(const FitOptions& o, const CsvTable& table, const std::vector
   GZLSettings& s = m.settings;
   s.SetGZLModelType(GZLConst_940::GZLM);
   if (!SetDistributionAndLink(o, s, error) || !SetResponse(o, table, s, error) ||
-      !SetVariables(o, table, m, error) || !SetEffects(o, table, terms, m, error) || !SetControls(o, s, error)) {
+      !SetVariables(o, table, m, error) || !SetEffects(o, table, terms, m, error) || !SetControls(o, s, error) ||
+      !SetEmmeansSettings(o, table, s, error)) {
     return false;
   }
   const TQStatus status = s.IsValidSettings(true);
@@ -303,6 +305,7 @@ struct FitReport {
   bool intercept = true;
   double confidence = 0.95;
   EffectTestsReport effectTests;
+  EmmeansReport emmeans;
   std::vector<ParameterRow> parameters;
   std::optional<ParameterRow> scale;
   std::optional<ParameterRow> k;
@@ -675,6 +678,8 @@ void WriteText(std::ostream& out, const FitReport& r) {
     }
   }
 
+  WriteEmmeansText(out, r.emmeans);
+
   out << "\nConvergence: " << r.convergence;
   if (r.iterations >= 0) out << " (" << r.iterations << (r.iterations == 1 ? " iteration)" : " iterations)");
   out << '\n';
@@ -829,6 +834,7 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
   json.EndArray();
   JsonExtraRow(json, "scale_stats", r.scale);
   JsonExtraRow(json, "k_stats", r.k);
+  WriteEmmeansJson(json, r.emmeans);
 
   json.Key("convergence");
   json.BeginObject();
@@ -894,11 +900,13 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   GatherFit(o, *algorithm, *stats, report);
   GatherParameters(o, table, terms, s, *stats, report);
   GatherEffectTests(o, terms, *stats, report.effectTests);
+  GatherEmmeans(o, table, *stats, report.emmeans);
   report.convergence = StoppingText(stats->GetEstimStopCriterion());
   report.iterations = iterations.LastIteration();
   AddWarnings(report.warnings, stats->GetBuildModelWarnings());
   AddWarnings(report.warnings, stats->GetStatComputeWarnings());
   AddWarnings(report.warnings, stats->GetEffectAnalysisWarnings());
+  AddWarnings(report.warnings, algorithm->GetEmmeansWarnings());
   if (status.IsWarning()) AddWarnings(report.warnings, {status});
 
   // Written whole only once everything is gathered, so that a failure leaves no partial output.

@@ -1,6 +1,7 @@
 #include "tools/StatusText.h"
 
 #include "GZLConst_940.h"
+#include "GZLMarginals.h"
 #include "diagnostics/GZLComponentDisplay_940.h"
 
 namespace {
@@ -36,6 +37,30 @@ const char* StatusSentence(int code) noexcept {
       return "the model has not been fitted";
     case C::DivideByZero:
       return "a division by zero occurred";
+    case C::LMatrixEmpty:
+      return "a contrast matrix is empty: marginal means are not available for this model";
+    case C::OneCategCompareFactor:
+      return "the compared factor has fewer than two categories to compare";
+    case C::PolynShortMetric:
+      return "the polynomial contrast needs one metric value per category of the compared factor, all different";
+    case C::PolynLongMetric:
+      return "more polynomial metric values than categories of the compared factor; the extra values were ignored";
+    case C::InvalidContrastCateg:
+      return "the reference category of the contrast does not occur; the last category was taken";
+    case C::InvalidEmmeansIndex:
+      return "the marginal means name a variable that is not a factor or covariate of the model";
+    case C::InvalidEmmeansTestIndex:
+      return "invalid index of a marginal-means test";
+    case C::OneCategCompareCombination:
+      return "a combination of the other factors has a single category of the compared factor, so nothing is "
+             "compared there";
+    case C::HiRefCatDifferent:
+      return "the reference category does not occur with every combination of the other factors; the last "
+             "category was taken there";
+    case C::IncompleteCompareFactor:
+      return "some combinations of the other factors lack categories of the compared factor (empty cells)";
+    case GZLMarginals::kTooFewPairwiseRecords:
+      return "fewer than two categories to compare pairwise";
     case C::CompleteSeparation:
       return "complete separation: the predictors determine the response exactly, so the maximum likelihood "
              "estimates do not exist";

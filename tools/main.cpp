@@ -236,6 +236,40 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
             "or none (default none)")
       ->group(output);
   fit.add_flag("--json", o.json, "Write the output as one JSON document")->group(output);
+
+  const std::string emmeans = "Estimated marginal means";
+  fit.add_option("--emmeans", o.emmeans,
+                 "Means of the cells of factors, the first compared (repeatable): a, a*b (a compared within each "
+                 "b), a|b*c (a compared within each b and c)")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->type_name("FACTORS")
+      ->group(emmeans);
+  AddChoice(fit, "--emmeans-contrast", o.emmeansContrast, EmmeansContrastNames(),
+            "Comparison of the compared factor's levels (default pairwise; none: means only)")
+      ->group(emmeans);
+  fit.add_option("--emmeans-ref", o.emmeansReference, "Reference category of the simple contrast (default the last)")
+      ->type_name("CATEGORY")
+      ->group(emmeans);
+  fit.add_option("--emmeans-metric", o.emmeansMetric,
+                 "Polynomial contrast: one value per level of the compared factor, comma-separated (default 1, 2, ...)")
+      ->delimiter(',')
+      ->type_name("VALUES")
+      ->group(emmeans);
+  AddChoice(fit, "--emmeans-scale", o.emmeansScale, EmmeansScaleNames(),
+            "Means of the response or of the linear predictor (default response)")
+      ->group(emmeans);
+  AddChoice(fit, "--emmeans-adjust", o.emmeansAdjust, EmmeansAdjustNames(),
+            "P-value adjustment of pairwise comparisons (default none; holm is seq_bonferroni)")
+      ->group(emmeans);
+  AddNameList(fit, "--emmeans-at", o.emmeansAt,
+              "Covariate values of the means, name=value, comma-separated (default: each covariate at its mean)")
+      ->type_name("NAME=VALUE")
+      ->group(emmeans);
+  AddChoice(fit, "--emmeans-test", o.emmeansTest, EmmeansTestNames(),
+            "chisq (normal intervals, Wald chi-square) or f (t intervals, F tests with the residual degrees of "
+            "freedom); default chisq")
+      ->group(emmeans);
   fit.add_flag("--dry-run", o.dryRun, "Describe the model that would be fitted, and stop")->group(output);
   fit.add_flag("--progress", x.progress,
                "Report records read and iterations on stderr even when it is not a terminal")
