@@ -6,7 +6,8 @@
 // split a pass between the design matrix and the estimation; the estimation over prebuilt rows;
 // and the whole fit (dictionary pass, starting values, iterations and post-estimation) with its
 // number of passes; and the Wald tests of the effects after a fit (one pass for X'WX, then the
-// hypotheses and statistics of both types). The estimation pass and the whole fit run on the calling thread alone
+// hypotheses and statistics of both types); and the marginal means after a fit, of a complete
+// design and of an incomplete one (one pass for the frequencies). The estimation pass and the whole fit run on the calling thread alone
 // (argument 0) and with the second thread that large passes use by default (argument 1). Nothing in the fit keeps records: its memory does not grow with their
 // number.
 #include <benchmark/benchmark.h>
@@ -22,6 +23,9 @@
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLStatFactory.h"
+#include "GZLMarginals.h"
+#include "GZLOutputStats.h"
+#include "data/GZLAlgorithm.h"
 #include "inference/GZLInference.h"
 
 namespace {
@@ -188,6 +192,69 @@ void BM_WaldEffectTests(benchmark::State& state) {
   benchmark::DoNotOptimize(sum);
 }
 
+// Marginal means after a fit, for the cells of A by B (50 means) with A compared pairwise within
+// each B (5 tables of 90 records, sequential Bonferroni) and the overall tests. Argument 0: the
+// model of the other benchmarks (main effects: a complete design, no data pass); 1: the model
+// with the A*B interaction on records without the cell (A = 9, B = 4), an incomplete design whose
+// means weight the cells by their frequencies, counted in one pass over the records.
+void BM_MarginalMeans(benchmark::State& state) {
+  const bool incomplete = state.range(0) != 0;
+  auto settings = MakeSettings();
+  IGZLRecordSource* source = &Source();
+  std::unique_ptr<FlatSource> own;
+  std::vector<int> vars{1 + kCovariates, 2 + kCovariates};
+  if (incomplete) {
+    own = std::make_unique<FlatSource>(kRecords, kFields);
+    RecordGenerator generator(20240611);
+    for (int i = 0; i < kRecords; ++i) {
+      double* r = own->Row(i);
+      do generator.Fill(r, 0.0);
+      while (r[1 + kCovariates] == kLevelsA - 1 && r[2 + kCovariates] == kLevelsB - 1);
+    }
+    source = own.get();
+    for (int c = 0; c < kCovariates; ++c) vars.push_back(1 + c);
+    GZLModelEffect ab(2, kCovariates, &vars);
+    ab.AddNewFactor(vars[0], false);
+    ab.AddNewFactor(vars[1], false);
+    settings->AddModelEffect(ab);
+  }
+  TQEmmeansSpec spec;
+  spec.fFactors = {1 + kCovariates, 2 + kCovariates};
+  spec.fFactorsNestLevel = {0, 0};
+  spec.fCompareFactors = {1 + kCovariates};
+  spec.fContrastType = TQConst::ContrastPairwise;
+  spec.fPAdjust = TQConst::PAdjSeqBonferroni;
+  settings->SetEmmeans({spec});
+  settings->SetTestType(TQConst::TestType2);
+  GZLAlgorithm fit(*settings);
+  fit.BuildModel(*source);
+  const GZLOutputStats* stats = nullptr;
+  fit.GetOutputStats(stats);
+  GZLCancelInfo cancel;
+  double sum = 0.0;
+  for (auto _ : state) {
+    GZLMarginals means(*settings, fit, *fit.GetDesignMatrix(), cancel);
+    means.ComputeEmmeans();
+    means.SetEmmeansTesting(fit.GetInference()->GetCovarianceMatrix(), *stats);
+    const TQEmmeansSpec* used = nullptr;
+    const TQRectMatrix* L = nullptr;
+    std::vector<TQEmmeansStats> cells;
+    means.GetEmmeansStats(0, used, L, cells);
+    TQStatus status;
+    for (int t = 0; t < means.GetNEmmeansTests(0, status); ++t) {
+      std::vector<std::pair<int, int>> others;
+      std::vector<int> levels;
+      std::vector<GZLPairwiseRecord> records;
+      TQTestStats overall;
+      means.GetPairwiseEmmeansTests(0, t, others, levels, records);
+      means.GetPairwiseOverallTest(0, t, others, overall);
+      sum += records.empty() ? 0.0 : records[0].fSig + overall.GetWald();
+    }
+    sum += cells.empty() ? 0.0 : cells[0].fEstimate;
+  }
+  benchmark::DoNotOptimize(sum);
+}
+
 // The whole estimation (starting values, iterations, post-estimation) over rows that cost
 // nothing to build: the estimation's own share of the whole fit.
 void BM_EstimationOnCachedRows(benchmark::State& state) {
@@ -213,6 +280,7 @@ BENCHMARK(BM_EstimationPass)->Unit(benchmark::kMillisecond)->Iterations(5)->Arg(
 // Arguments: generic (virtual) record step, log-likelihood only.
 BENCHMARK(BM_AccumulationOnly)->Unit(benchmark::kMillisecond)->Iterations(5)->Args({0, 0})->Args({1, 0})->Args({0, 1});
 BENCHMARK(BM_WaldEffectTests)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_MarginalMeans)->Unit(benchmark::kMillisecond)->Iterations(3)->Arg(0)->Arg(1);
 BENCHMARK(BM_WholeFit)->Unit(benchmark::kMillisecond)->Iterations(3)->Arg(0)->Arg(1);
 
 BENCHMARK_MAIN();
