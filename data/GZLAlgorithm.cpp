@@ -291,15 +291,11 @@ bool GZLAlgorithm::IsModelBuilt() const {
 // compute them (marginal means, output statistics, scoring engine, PMML writer) are created
 // here by the inference, scoring and export steps.
 const std::vector<std::vector<int>>* GZLAlgorithm::GetPWCombinations(int emmeansIndex) {
+  // Made here when the fit did not make them: none were asked for, or records were refused for
+  // the link (then none are made).
   if (!IsModelBuilt()) return nullptr;
-  if (!fpMarginals) {
-    // Not made by the fit: none were asked for, or records were refused for the link.
-    if (fpOptimizer->IsInvalidForLink()) return nullptr;
-    fpMarginals = std::make_unique<GZLMarginals>(*fpSettings, *this, *fpDesignMatrix, fCancelInfo);
-    fpMarginals->ComputeEmmeans();
-  }
-  if (!fpMarginals->GetPWCombinations(emmeansIndex, fPWCombinations)) return nullptr;
-  return &fPWCombinations;
+  return GZLMarginals::PWCombinationsOfFit(fpMarginals, !fpOptimizer->IsInvalidForLink(), *fpSettings, *this,
+                                           *fpDesignMatrix, fCancelInfo, emmeansIndex, fPWCombinations);
 }
 
 TQStatus GZLAlgorithm::GetOutputStats(const GZLOutputStats*& outputStats) {

@@ -272,15 +272,11 @@ void GEEAlgorithm::RunEffectTests() {
 }
 
 const std::vector<std::vector<int>>* GEEAlgorithm::GetPWCombinations(int emmeansIndex) {
+  // Made here when the fit did not make them: none were asked for, or records were refused for
+  // the link (then none are made).
   if (!IsModelBuilt()) return nullptr;
-  if (!fpMarginals) {
-    // Not made by the fit: none were asked for, or records were refused for the link.
-    if (fpOptimizer->IsInvalidForLink()) return nullptr;
-    fpMarginals = std::make_unique<GZLMarginals>(*fpSettings, *this, *fpDesignMatrix, fCancelInfo);
-    fpMarginals->ComputeEmmeans();
-  }
-  if (!fpMarginals->GetPWCombinations(emmeansIndex, fPWCombinations)) return nullptr;
-  return &fPWCombinations;
+  return GZLMarginals::PWCombinationsOfFit(fpMarginals, !fpOptimizer->IsInvalidForLink(), *fpSettings, *this,
+                                           *fpDesignMatrix, fCancelInfo, emmeansIndex, fPWCombinations);
 }
 
 TQStatus GEEAlgorithm::GetOutputStats(const GZLOutputStats*& outputStats) {

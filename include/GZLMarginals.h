@@ -128,6 +128,16 @@ class GZLMarginals {
   // One list per table: the category of each factor of the specification in that table, -1 at
   // the compare factor. False for a bad index or a specification with an error.
   bool GetPWCombinations(int spec, std::vector<std::vector<int>>& combinations) const;
+  // A driver's GetPWCombinations: its marginal means, made and computed on the first request
+  // when the fit did not make them and `canMake` allows it (a built model without records
+  // refused for the link), asked for the combinations of `spec` into `combinations`; null when
+  // there are none or the index is rejected.
+  static const std::vector<std::vector<int>>* PWCombinationsOfFit(std::unique_ptr<GZLMarginals>& marginals,
+                                                                   bool canMake, const GZLSettings& settings,
+                                                                   const IGZLAlgorithm& algorithm,
+                                                                   GZLDesignMatrix& design, GZLCancelInfo& cancel,
+                                                                   int spec,
+                                                                   std::vector<std::vector<int>>& combinations);
 
   // The quantile of probability p (p < 0: the two-sided quantile of the confidence level):
   // normal for test types 2 and 3, t with the residual degrees of freedom for 0 and 1.

@@ -584,17 +584,16 @@ TQStatus GZLMarginals::BuildContrast(const Spec& s, const Table& t, TQRectMatrix
       break;
     }
     case TQConst::ContrastDeviation:
-      built = TQContrasts::ComputeDeviationContrast(k, contrast);
-      break;
     case TQConst::ContrastHelmert:
-      built = TQContrasts::ComputeHelmertContrast(k, contrast);
-      break;
     case TQConst::ContrastDifference:
-      built = TQContrasts::ComputeDifferenceContrast(k, contrast);
+    case TQConst::ContrastRepeated: {
+      using Builder = bool (*)(int, TQRectMatrix&);
+      static constexpr Builder kBuilders[] = {TQContrasts::ComputeDeviationContrast, TQContrasts::ComputeHelmertContrast,
+                                              TQContrasts::ComputeDifferenceContrast,
+                                              TQContrasts::ComputeRepeatedContrast};
+      built = kBuilders[s.fSpec.GetContrastType() - TQConst::ContrastDeviation](k, contrast);
       break;
-    case TQConst::ContrastRepeated:
-      built = TQContrasts::ComputeRepeatedContrast(k, contrast);
-      break;
+    }
     case TQConst::ContrastPolynomial: {
       // The metric values of the table's levels (one value per observed level, in order).
       const int variable = s.fSpec.GetFactors()[static_cast<std::size_t>(s.fCompare)];
@@ -774,6 +773,20 @@ void GZLMarginals::ProcessSequentialAdjustment(std::vector<GZLPairwiseRecord>& r
     mirror.fLower = Negated(r.fUpper);
     mirror.fUpper = Negated(r.fLower);
   }
+}
+
+const std::vector<std::vector<int>>* GZLMarginals::PWCombinationsOfFit(std::unique_ptr<GZLMarginals>& marginals,
+                                                                       bool canMake, const GZLSettings& settings,
+                                                                       const IGZLAlgorithm& algorithm,
+                                                                       GZLDesignMatrix& design, GZLCancelInfo& cancel,
+                                                                       int spec,
+                                                                       std::vector<std::vector<int>>& combinations) {
+  if (!marginals) {
+    if (!canMake) return nullptr;
+    marginals = std::make_unique<GZLMarginals>(settings, algorithm, design, cancel);
+    marginals->ComputeEmmeans();
+  }
+  return marginals->GetPWCombinations(spec, combinations) ? &combinations : nullptr;
 }
 
 bool GZLMarginals::GetPWCombinations(int spec, std::vector<std::vector<int>>& combinations) const {
