@@ -229,17 +229,23 @@ TQStatus TQModelTests::ComputeTests(bool original, const TQRectMatrix& C, const 
     return true;
   };
   std::vector<double> h;
-  TQSymMatrix v;
   C.ComputeRV(means, h);
-  cov.ComputeRSRTrans(C, v);
 
   if (individual != nullptr) {
     const int method = fPAdjust;
     const double m = std::max(1, nComparisons);
+    std::vector<int> used;
     for (int r = 0; r < C.GetNumRows(); ++r) {
       TQTestStats& t = (*individual)[static_cast<std::size_t>(r)];
       if (!formed(r)) continue;
-      const double variance = v(r, r);
+      // c' V c over the means the contrast weighs: a pairwise table has K(K - 1) rows of two
+      // weights each, whose joint covariance is never needed.
+      used.clear();
+      for (int i = 0; i < k; ++i)
+        if (C(r, i) != 0.0) used.push_back(i);
+      double variance = 0.0;
+      for (int i : used)
+        for (int j : used) variance += C(r, i) * C(r, j) * cov(i, j);
       t.fEstimate = h[r];
       if (!Usable(variance)) continue;
       t.fStdError = std::sqrt(std::max(variance, 0.0));
@@ -263,6 +269,8 @@ TQStatus TQModelTests::ComputeTests(bool original, const TQRectMatrix& C, const 
   if (overall != nullptr) {
     for (int r = 0; r < C.GetNumRows(); ++r)
       if (!formed(r)) return unusable;
+    TQSymMatrix v;
+    cov.ComputeRSRTrans(C, v);
     double w = 0.0;
     int rank = 0;
     const TQStatus joint = Wald(h, v, w, rank);

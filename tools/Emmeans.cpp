@@ -295,7 +295,9 @@ void GatherEmmeans(const FitOptions& o, const CsvTable& table, const GZLOutputSt
     const int spec = static_cast<int>(i);
     const TQEmmeansSpec* used = nullptr;
     const TQRectMatrix* L = nullptr;
-    r.status = stats.GetEmmeansStats(spec, used, L, r.cells);
+    // The fit leaves the means out only when it refused records for the link function.
+    r.status = stats.GetMarginals() == nullptr ? TQStatus::Error(GZLStatusCode::InvalidRecordsForLinkFunction)
+                                               : stats.GetEmmeansStats(spec, used, L, r.cells);
     if (used != nullptr) {
       r.contrast = used->GetContrastType();
       if (used->GetRefCateg() >= 0) r.reference = used->GetRefCateg();
