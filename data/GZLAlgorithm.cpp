@@ -9,6 +9,8 @@
 #include "estimation/GZLOptimizer.h"
 #include "GZLOutputStats.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLLRStats.h"
+#include "inference/GZLProfileLikelihoodCI.h"
 #include "inference/GZLOmnibusTest.h"
 #include "inference/GZLScoringEngine.h"
 #include "GZLScoreStats.h"
@@ -47,6 +49,9 @@ void GZLAlgorithm::AddWarning(std::vector<TQStatus>& list, const TQStatus& statu
 void GZLAlgorithm::DiscardFit() {
   // A new fit starts without the optimizer, inference and test objects of the previous one.
   fpOmnibusTest.reset();
+  fpTypeILRStats.reset();
+  fpTypeIIILRStats.reset();
+  fpProfileCI.reset();
   fpInference.reset();
   fpOptimizer.reset();
   fpRowSource.reset();
@@ -289,6 +294,17 @@ void GZLAlgorithm::RunInference() {
     fpInference = std::make_unique<GZLInference>(*fpSettings);
     const TQStatus inference = fpInference->Compute(*fpOptimizer, fpDesignMatrix.get());
     AddWarning(fBuildModelWarnings, inference);
+    // Profile likelihood intervals replace the Wald intervals; they need the data as fitted.
+    if (fpSettings->GetCIType() == GZLConst_940::Profile && !fpOptimizer->IsInvalidForLink()) {
+      fpProfileCI = std::make_unique<GZLProfileLikelihoodCI>(*fpSettings, *fpOptimizer);
+      const TQStatus profile = fpProfileCI->ComputeIntervals();
+      if (profile.GetErrorCode() == 1) {
+        // Cancelled: the operation ends and no partial result is published.
+        fStatus = profile;
+        return;
+      }
+      fpInference->ApplyProfileIntervals(*fpProfileCI);
+    }
     // Tests of model effects, unless none are asked for or records were refused for the link
     // (the hypotheses would not describe the data the estimates come from).
     if (fpSettings->GetEffectAnalysisType() != TQConst::EffectNone && !fpOptimizer->IsInvalidForLink()) {
@@ -299,7 +315,10 @@ void GZLAlgorithm::RunInference() {
                  fpInference->ComputeEffectTests(fpOptimizer->GetParamEstimates(), fpOptimizer->GetInitRedunInfo(),
                                                  fpInference->GetCovarianceMatrix(), df2, warnings));
       for (const TQStatus& w : warnings) AddWarning(fEffectAnalysisWarnings, w);
-      // The likelihood-ratio tests of effects follow here.
+      if (fpSettings->GetEffectAnalysisStat() == GZLConst_940::EffectStatLR && !RunLRTests()) {
+        fStatus = TQStatus::Error(1);
+        return;
+      }
     }
   }
   // The omnibus test refits the null model over further passes of the same design.
@@ -315,6 +334,39 @@ TQStatus GZLAlgorithm::PrepareEffectTests() {
   if (status.IsError()) return status;
   return fpInference->SetEffectTestData(
       std::make_unique<GZLModelEffectTestData>(*fpSettings, fEffectInfo, fpOptimizer->GetNumParams(), sscp));
+}
+
+bool GZLAlgorithm::RunLRTests() {
+  const GZLModelEffectTestData* data = fpInference->GetEffectTestData();
+  const TQConst::TQEffectAnalysisType type = fpSettings->GetEffectAnalysisType();
+  const double df2 = fpInference->GetNDegFreedom();
+  auto run = [&](std::unique_ptr<GZLLRStatsBase> lr, GZLDefaultModelEffectTest& hypotheses,
+                 std::unique_ptr<GZLLRStatsBase>& keep) {
+    std::vector<TQRectMatrix> L;
+    TQStatus status = TQStatus::Error(GZLStatusCode::InternalError);
+    if (data != nullptr && !data->GetStatus().IsError()) {
+      hypotheses.SetData(data);
+      status = hypotheses.ComputeLMatrices(L);
+    }
+    if (!status.IsError()) status = lr->Compute(*data, L);
+    if (status.GetErrorCode() == 1) return false;
+    AddWarning(fEffectAnalysisWarnings, status);
+    for (const TQStatus& s : lr->GetStatusEff()) AddWarning(fEffectAnalysisWarnings, s);
+    keep = std::move(lr);
+    return true;
+  };
+  // Type III first, as the design orders the steps.
+  if (type == TQConst::EffectTypeIII || type == TQConst::EffectTypeIAndIII) {
+    GZLModelEffectTestTypeIII hypotheses;
+    if (!run(std::make_unique<GZLTypeIIILRStats>(*fpSettings, *fpOptimizer, df2), hypotheses, fpTypeIIILRStats))
+      return false;
+  }
+  if (type == TQConst::EffectTypeI || type == TQConst::EffectTypeIAndIII) {
+    GZLModelEffectTestTypeI hypotheses;
+    if (!run(std::make_unique<GZLTypeILRStats>(*fpSettings, *fpOptimizer, df2), hypotheses, fpTypeILRStats))
+      return false;
+  }
+  return true;
 }
 
 GZLScoringFit GZLAlgorithm::ScoringFit() const {

@@ -21,6 +21,8 @@ class GZLOptimizerForGZLM;
 class GZLInference;
 class GZLOmnibusTest;
 class GZLScoringEngine;
+class GZLLRStatsBase;
+class GZLProfileLikelihoodCI;
 struct GZLScoringFit;
 
 class GZLAlgorithm : public IGZLAlgorithm {
@@ -72,6 +74,11 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // The inference object and the omnibus test of the last fit (null when not computed).
   const GZLInference* GetInference() const noexcept { return fpInference.get(); }
   const GZLOmnibusTest* GetOmnibusTest() const noexcept { return fpOmnibusTest.get(); }
+  // The likelihood-ratio tests of effects and the profile likelihood intervals of the last fit
+  // (null when not computed).
+  const GZLLRStatsBase* GetTypeILRStats() const noexcept { return fpTypeILRStats.get(); }
+  const GZLLRStatsBase* GetTypeIIILRStats() const noexcept { return fpTypeIIILRStats.get(); }
+  const GZLProfileLikelihoodCI* GetProfileCI() const noexcept { return fpProfileCI.get(); }
   // Null before the first InitializeModel.
   GZLDesignMatrix* GetDesignMatrix() noexcept { return fpDesignMatrix.get(); }
   const GZLDesignMatrix* GetDesignMatrix() const noexcept { return fpDesignMatrix.get(); }
@@ -111,6 +118,8 @@ class GZLAlgorithm : public IGZLAlgorithm {
   void RunInference();
   // The shared data of the Wald tests of effects: X'WX of the fit (one pass) and the layout.
   TQStatus PrepareEffectTests();
+  // The likelihood-ratio tests of effects the settings ask for; false when the host cancelled.
+  bool RunLRTests();
   // Whether the last fit produced estimates.
   bool HasEstimates() const;
   // What the scoring engine takes from the last fit.
@@ -126,6 +135,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // Created on the first GetOutputStats after a fit and kept for the life of the algorithm.
   std::unique_ptr<GZLOutputStats> fpOutputStats;
   std::unique_ptr<GZLOmnibusTest> fpOmnibusTest;
+  std::unique_ptr<GZLLRStatsBase> fpTypeILRStats;
+  std::unique_ptr<GZLLRStatsBase> fpTypeIIILRStats;
+  std::unique_ptr<GZLProfileLikelihoodCI> fpProfileCI;
   // Created on the first Score; it reads the design matrix and goes with it.
   std::unique_ptr<GZLScoringEngine> fpScoringEngine;
   // Counts the fits, so that the scoring engine knows a refit from the fit it last saw.

@@ -5,6 +5,7 @@
 
 #include "GZLProgress.h"
 #include "diagnostics/GZLComponentDisplay_940.h"
+#include "estimation/GZLLagrangeMultiplierTest.h"
 #include "estimation/GZLStatFactory.h"
 #include "estimation/IGZLRowSource.h"
 #include "families/GZLDevianceFunc.h"
@@ -766,6 +767,10 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
   if (!fpSource->RestartPass()) return TQStatus::Error(GZLStatusCode::NewPass);
   if (IsCancelled()) return TQStatus::Error(1);
   ll->Reset(fPhi);
+  // The Lagrange multiplier test of a fixed scale or k, or of Poisson overdispersion, over the
+  // records of this pass.
+  fpLMTest = CreateLagrangeMultiplierTest(s, fNParams, fInitRedunInfo, fPhi, fK, fpSource->GetNumObservations(),
+                                          *ll, *link, *var);
   const bool binarySingle = s.IsSingleDependentForBinomial();
   const double eventValue = s.GetDependentRefCateg() == 0 ? 1.0 : 0.0;
   const std::size_t P = static_cast<std::size_t>(fNParams);
@@ -791,6 +796,7 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
         // The scale weight of an events/trials response already carries the trials.
         deviance->AddDeviance(mu, y, f, w, 1.0);
         pearson->AddPearson(y, mu, var->GetVariance(mu), f, w, 1.0);
+        if (fpLMTest) fpLMTest->UpdateForRow(*row, y, mu);
         ll->AddConstant(y, f, w, trials, events);
         if (!TQMV::IsMissing(fMeanFitted)) spread += (mu - fMeanFitted) * (mu - fMeanFitted);
       }
@@ -852,8 +858,15 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
   } else {
     fKernelLLScaleFixed = fKernelLL;
   }
-  // The Lagrange multiplier test of a fixed scale or k is computed by its own step; its
-  // figures stay missing here.
+  if (fpLMTest) {
+    fLMChiSquare = fpLMTest->GetStatistic();
+    fLMSig = fpLMTest->GetSignificance();
+    fLMDF = fpLMTest->GetDF();
+    fLMSigLessZero = fpLMTest->GetSigLessZero();
+    fLMSigGreaterZero = fpLMTest->GetSigGreaterZero();
+    fLMSigNonDir = fpLMTest->GetSigNonDir();
+    if (dist == TQConst::DistInvGaussian && fbPerfectFit) fLMChiSquare = fLMSig = TQMV::Missing;
+  }
   fFullLL = TQMV::IsMissing(fLLConstant) || TQMV::IsMissing(fKernelLL) ? TQMV::Missing : fKernelLL + fLLConstant;
   fFullLLScaleFixed = TQMV::IsMissing(fLLConstant) || TQMV::IsMissing(fKernelLLScaleFixed)
                           ? TQMV::Missing

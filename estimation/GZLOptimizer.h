@@ -29,6 +29,7 @@
 #include "support/TQSymMatrix.h"
 
 class IGZLRowSource;
+class IGZLLagrangeMultiplierTest;
 class GZLStatFactory;
 class ProgressListener;
 class TQQueryCancel;
@@ -117,6 +118,11 @@ class GZLOptimizer {
   double GetLagrangeMultChiSquare() const noexcept { return fLMChiSquare; }
   double GetLagrangeMultDF() const noexcept { return fLMDF; }
   double GetLagrangeMultSig() const noexcept { return fLMSig; }
+  // One-sided (alternative below or above the null value) and non-directional significances;
+  // missing unless the test defines them (the overdispersion test).
+  double GetLagrangeSigLessZero() const noexcept { return fLMSigLessZero; }
+  double GetLagrangeSigGreaterZero() const noexcept { return fLMSigGreaterZero; }
+  double GetLagrangeSigNonDir() const noexcept { return fLMSigNonDir; }
   // Records refused by the last pass (invalid for the link or the family).
   int GetNumBadRecords() const noexcept { return fNBadRecords; }
   // At least one pass refused a record, or no record was usable.
@@ -204,6 +210,9 @@ class GZLOptimizer {
   double fLMChiSquare = TQMV::Missing;
   double fLMDF = TQMV::Missing;
   double fLMSig = TQMV::Missing;
+  double fLMSigLessZero = TQMV::Missing;
+  double fLMSigGreaterZero = TQMV::Missing;
+  double fLMSigNonDir = TQMV::Missing;
   int fNBadRecords = 0;
   bool fbInvalidForLink = false;
   bool fbUseExpected = true;
@@ -260,6 +269,9 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
 
   GZLStatFactory& GetStatFactory() noexcept { return *fpStatFactory; }
   const GZLStatFactory& GetStatFactory() const noexcept { return *fpStatFactory; }
+  // The Lagrange multiplier test of the post-estimation step, or null when the model calls for
+  // none.
+  const IGZLLagrangeMultiplierTest* GetLagrangeMultiplierTest() const noexcept { return fpLMTest.get(); }
   IGZLRowSource& GetSource() const noexcept { return *fpSource; }
   void Display() const override;
 
@@ -293,6 +305,7 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
 
   IGZLRowSource* fpSource;
   std::unique_ptr<GZLStatFactory> fpStatFactory;
+  std::unique_ptr<IGZLLagrangeMultiplierTest> fpLMTest;
   bool fbFirstInversion = true;
   int fReportCountdown = 0;
   bool fbReportDue = false;

@@ -173,6 +173,8 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double t
     if (!s.AddModelEffect(effect)) fail("effect refused");
   }
   s.SetInterceptUse(m.value("intercept", true));
+  if (m.value("negbin0", false)) s.SetNegBin0(true);
+  if (m.contains("confidence_level")) s.SetConfidenceLevel(m["confidence_level"].get<double>());
 
   // Tight convergence so that the figures can be compared to a relative 1e-6.
   s.SetLLConCriterion(0.0);
