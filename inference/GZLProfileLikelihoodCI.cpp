@@ -193,7 +193,7 @@ TQStatus GZLProfileLikelihoodCI::ComputeCIForOneParameter(int j, bool upper, dou
       if (!Pass(candidate, st)) {
         if (st.GetErrorCode() == 1) return st;
         Report(iteration, j, upper);
-        return status;  // the pass failed: no end point, criterion 0
+        return st;  // the pass failed: no end point, criterion 0
       }
       if (st.GetErrorCode() == GZLStatusCode::SingularHessian) {
         criterion = UnexpectedSingularity;
