@@ -289,6 +289,78 @@ TEST(ToolFit, EffectTestsAgreeWithReference) {
   EXPECT_NE(text.out.find("^a Not tested"), std::string::npos);
 }
 
+// The likelihood-ratio tests (with the F form of a deviance scale) and the profile intervals
+// of the same model; the overdispersion test of a Poisson model that asks for it.
+TEST(ToolFit, LikelihoodRatioTestsProfilesAndLagrangeMultiplierTest) {
+  std::ifstream in(std::string(GZL_TEST_DATA_DIR) + "/reference/effects/warpbreaks_poisson_aliased_deviance.json");
+  const json expected = json::parse(in)["expected"];
+  FitOptions o = Options("warpbreaks.csv", "breaks", TQConst::DistPoisson);
+  o.factors = {"wool", "tension"};
+  o.frequencyWeight = "fw";
+  o.scaleMethod = GZLConst_940::ScaleDeviance;
+  o.effects = "wool*tension wool tension";
+  o.effectTests = TQConst::EffectTypeIAndIII;
+  o.effectStatistic = GZLConst_940::EffectStatLR;
+  o.ciType = GZLConst_940::Profile;
+  o.refitTolerance = 1e-9;
+  const json doc = RunJson(o);
+  for (const char* key : {"lr_type1", "lr_type3"}) {
+    ASSERT_EQ(doc[key].size(), expected[key].size()) << key;
+    for (std::size_t i = 0; i < doc[key].size(); ++i) {
+      const json& e = expected[key][i];
+      const json& a = doc[key][i];
+      const std::string what = std::string(key) + " " + e["term"].get<std::string>();
+      EXPECT_EQ(a["term"], e["term"]) << what;
+      for (const char* figure : {"chisq", "df", "sig", "f", "df2", "f_sig", "deviance"}) {
+        if (e["chisq"].is_null())
+          EXPECT_TRUE(a[figure].is_null()) << what << " " << figure;  // no hypothesis: nothing
+        else if (e[figure].is_null())
+          EXPECT_TRUE(a[figure].is_null()) << what << " " << figure;
+        else
+          ExpectRel(a[figure], e[figure].get<double>(), what + " " + figure);
+      }
+    }
+  }
+  EXPECT_TRUE(doc["lm_tests"].empty());
+
+  // Profile intervals, the scale's too (maximum likelihood), in place of the Wald limits.
+  std::ifstream in2(std::string(GZL_TEST_DATA_DIR) + "/reference/effects/mtcars_normal_identity.json");
+  const json expected2 = json::parse(in2)["expected"];
+  FitOptions m = Options("mtcars.csv", "mpg", TQConst::DistNormal);
+  m.factors = {"cyl"};
+  m.covariates = {"wt", "hp"};
+  m.effects = "wt hp cyl";
+  m.ciType = GZLConst_940::Profile;
+  m.refitTolerance = 1e-9;
+  const json profile = RunJson(m);
+  ASSERT_EQ(profile["profile_ci"].size(), expected2["profile_ci"].size());
+  for (std::size_t j = 0; j < profile["profile_ci"].size(); ++j) {
+    const json& e = expected2["profile_ci"][j];
+    const json& a = profile["profile_ci"][j];
+    EXPECT_EQ(a["redundant"], e["redundant"]);
+    for (const char* end : {"lower", "upper"}) {
+      if (e[end].is_null())
+        EXPECT_TRUE(a[end].is_null());
+      else
+        ExpectRel(a[end], e[end].get<double>(), std::string(end) + " " + std::to_string(j));
+    }
+  }
+  for (const char* end : {"lower", "upper"})
+    ExpectRel(profile["profile_ci_scale"][end], expected2["profile_ci_scale"][end].get<double>(), end);
+  EXPECT_TRUE(profile["parameters"][0]["wald_lower"].is_null());
+
+  o.effectTests = TQConst::EffectTypeI;
+  o.ciType.reset();
+  o.scaleMethod.reset();
+  o.frequencyWeight.clear();
+  o.overdispersionTest = true;
+  const ToolRun text = RunTool(o);
+  ASSERT_EQ(text.code, 0) << text.err;
+  for (const char* part : {"Tests of model effects (likelihood ratio, type I", "^1 Not tested: no estimable hypothesis",
+                           "Wald confidence interval", "Lagrange multiplier test", "Poisson overdispersion"})
+    EXPECT_NE(text.out.find(part), std::string::npos) << part;
+}
+
 TEST(ToolFit, TextOutputShowsTheTablesAndNamesTermsByLabel) {
   FitOptions o = Options("warpbreaks.csv", "breaks", TQConst::DistPoisson);
   o.factors = {"wool", "tension"};

@@ -69,6 +69,16 @@ constexpr std::array kEffectTestNames{
     FitOptionName{"none", TQConst::EffectNone},
 };
 
+constexpr std::array kEffectStatisticNames{
+    FitOptionName{"wald", GZLConst_940::EffectStatWald},
+    FitOptionName{"lr", GZLConst_940::EffectStatLR},
+};
+
+constexpr std::array kCITypeNames{
+    FitOptionName{"wald", GZLConst_940::Wald},
+    FitOptionName{"profile", GZLConst_940::Profile},
+};
+
 bool IsMultinomial(TQConst::DistType d) {
   return d == TQConst::DistOrdinalMultinomial || d == TQConst::DistNominalMultinomial;
 }
@@ -208,6 +218,9 @@ bool CheckControls(const FitOptions& o, std::string& error) {
       {o.confidenceLevel && !(*o.confidenceLevel > 0.0 && *o.confidenceLevel < 1.0),
        "the confidence level must lie strictly between 0 and 100 percent"},
       {o.fisherIterations && o.hessianMethod != TQConst::HessianHybrid, "--fisher-iterations needs --hessian hybrid"},
+      {o.refitTolerance && !(*o.refitTolerance >= 0.0), "--refit-tolerance must be 0 or more"},
+      {o.overdispersionTest && o.distribution != TQConst::DistPoisson,
+       "--overdispersion-test applies to Poisson models only"},
       {o.offsetValue && !o.offsetVariable.empty(), "give either an offset variable or an offset value, not both"},
   };
   for (const auto& check : checks) {
@@ -250,6 +263,8 @@ std::span<const FitOptionName> HessianMethodNames() { return kHessianMethodNames
 std::span<const FitOptionName> ConvergenceTypeNames() { return kConvergenceTypeNames; }
 std::span<const FitOptionName> LogLikelihoodTypeNames() { return kLogLikelihoodTypeNames; }
 std::span<const FitOptionName> EffectTestNames() { return kEffectTestNames; }
+std::span<const FitOptionName> EffectStatisticNames() { return kEffectStatisticNames; }
+std::span<const FitOptionName> CITypeNames() { return kCITypeNames; }
 
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value) {
   const auto it = std::find_if(names.begin(), names.end(), [value](const FitOptionName& n) { return n.value == value; });

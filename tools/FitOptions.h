@@ -76,6 +76,14 @@ struct FitOptions {
   std::optional<GZLConst_940::LLType> llType;
   // Wald tests of model effects; none unless asked for.
   std::optional<TQConst::TQEffectAnalysisType> effectTests;
+  // Their statistic: Wald (the default) or likelihood ratio (refits under each hypothesis).
+  std::optional<GZLConst_940::EffectAnalysisStat> effectStatistic;
+  // Intervals of the parameters: Wald (the default) or profile likelihood.
+  std::optional<GZLConst_940::CIType> ciType;
+  // A Poisson model's Lagrange multiplier test against overdispersion.
+  bool overdispersionTest = false;
+  // Log-likelihood tolerance of the likelihood-ratio refits and of the profile search.
+  std::optional<double> refitTolerance;
   bool json = false;
   bool dryRun = false;  // describe the model and stop
 };
@@ -93,6 +101,8 @@ std::span<const FitOptionName> HessianMethodNames();
 std::span<const FitOptionName> ConvergenceTypeNames();
 std::span<const FitOptionName> LogLikelihoodTypeNames();
 std::span<const FitOptionName> EffectTestNames();
+std::span<const FitOptionName> EffectStatisticNames();
+std::span<const FitOptionName> CITypeNames();
 // The output name of a value, "unknown" when the table has none.
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value);
 

@@ -227,7 +227,17 @@ bool SetControls(const FitOptions& o, GZLSettings& s, std::string& error) {
   // The omnibus test is part of the output; the tests of single effects when asked for.
   s.SetModelFittingTest(true);
   s.SetEffectAnalysisType(o.effectTests.value_or(TQConst::EffectNone));
-  if (o.effectTests && *o.effectTests != TQConst::EffectNone) s.SetEffectAnalysisStat(GZLConst_940::EffectStatWald);
+  if (o.effectTests && *o.effectTests != TQConst::EffectNone)
+    s.SetEffectAnalysisStat(o.effectStatistic.value_or(GZLConst_940::EffectStatWald));
+  s.SetCIType(o.ciType.value_or(GZLConst_940::Wald));
+  // Each end point of a profile interval may take as many iterations as the fit.
+  s.SetMaxIterationsPLCI(s.GetMaxIterations());
+  if (o.refitTolerance) {
+    s.SetTolLogLikeTypeIandIII(*o.refitTolerance);
+    s.SetToleranceLogLikePLCI(*o.refitTolerance);
+    s.SetToleranceHessianPLCI(*o.refitTolerance);
+  }
+  s.SetNegBin0(o.overdispersionTest);
   return true;
 }
 
@@ -303,6 +313,14 @@ struct FitReport {
   bool intercept = true;
   double confidence = 0.95;
   EffectTestsReport effectTests;
+  // The parameters' intervals are profile likelihood intervals.
+  bool profile = false;
+  // The Lagrange multiplier test the model calls for ("scale", "k", "overdispersion"; empty
+  // when none): the value tested, statistic, df, significance and the one-sided and
+  // non-directional significances.
+  std::string lmTest;
+  double lmValueTested = TQMV::Missing;
+  double lmValues[6] = {TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing};
   std::vector<ParameterRow> parameters;
   std::optional<ParameterRow> scale;
   std::optional<ParameterRow> k;
@@ -505,9 +523,29 @@ void GatherFit(const FitOptions& o, const IGZLAlgorithm& algorithm, const GZLOut
   report.intercept = o.intercept;
 }
 
+void GatherLagrangeMultiplierTest(const FitOptions& o, const GZLSettings& s, const GZLOutputStats& stats,
+                                  FitReport& report) {
+  if (TQMV::IsMissing(stats.GetLagrangeMultDF())) return;
+  if (o.distribution == TQConst::DistPoisson) {
+    report.lmTest = "overdispersion";
+    report.lmValueTested = 0.0;
+  } else if (o.distribution == TQConst::DistNegBinomial) {
+    report.lmTest = "k";
+    report.lmValueTested = stats.GetNegBinK();
+  } else {
+    report.lmTest = "scale";
+    report.lmValueTested = s.GetScaleValue();
+  }
+  const double values[6] = {stats.GetLagrangeMultDist(),      stats.GetLagrangeMultDF(),
+                            stats.GetLagrangeMultSig(),       stats.GetLagrangeSigGreaterZero(),
+                            stats.GetLagrangeSigLessZero(),   stats.GetLagrangeSigNonDir()};
+  std::copy(std::begin(values), std::end(values), report.lmValues);
+}
+
 void GatherParameters(const FitOptions& o, const CsvTable& table, const std::vector<ModelTerm>& terms,
                       const GZLSettings& s, const GZLOutputStats& stats, FitReport& report) {
   report.confidence = s.GetConfidenceLevel();
+  report.profile = s.GetCIType() == GZLConst_940::Profile;
   const std::vector<TQRegrParameter>& parameters = stats.GetParameters();
   const std::vector<TQRegrParameterStats>& rows = stats.GetParamStats();
   const std::vector<double>& estimates = stats.GetParamEstimates();
@@ -636,7 +674,8 @@ void WriteText(std::ostream& out, const FitReport& r) {
 
   {
     const std::string level = ConfidenceText(r.confidence);
-    TextTable table("\nParameter estimates (Lower, Upper: " + level + " Wald confidence interval)",
+    TextTable table("\nParameter estimates (Lower, Upper: " + level +
+                        (r.profile ? " profile likelihood" : " Wald") + " confidence interval)",
                     {"Parameter", "B", "Std. error", "Lower", "Upper", "Wald chi-square", "df", "Sig."},
                     {Align::Left, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right,
                      Align::Right});
@@ -675,6 +714,24 @@ void WriteText(std::ostream& out, const FitReport& r) {
     }
   }
 
+  if (!r.lmTest.empty()) {
+    const bool directional = r.lmTest == "overdispersion";
+    std::vector<std::string> headers{"Test", "Value tested", directional ? "z" : "Chi-square", "df", "Sig."};
+    if (directional) headers.insert(headers.end(), {"Sig. (>0)", "Sig. (<0)", "Sig. (two-sided)"});
+    std::vector<Align> align(headers.size(), Align::Right);
+    align[0] = Align::Left;
+    TextTable table("\nLagrange multiplier test", headers, align);
+    const char* name = r.lmTest == "scale" ? "Fixed scale" : r.lmTest == "k" ? "Fixed negative binomial k"
+                                                                              : "Poisson overdispersion";
+    std::vector<std::string> cells{name, Number(r.lmValueTested), Number(r.lmValues[0]), Number(r.lmValues[1]),
+                                   FormatSignificance(r.lmValues[2])};
+    if (directional)
+      cells.insert(cells.end(), {FormatSignificance(r.lmValues[3]), FormatSignificance(r.lmValues[4]),
+                                 FormatSignificance(r.lmValues[5])});
+    table.AddRow(std::move(cells));
+    table.Write(out);
+  }
+
   out << "\nConvergence: " << r.convergence;
   if (r.iterations >= 0) out << " (" << r.iterations << (r.iterations == 1 ? " iteration)" : " iterations)");
   out << '\n';
@@ -687,11 +744,12 @@ void WriteText(std::ostream& out, const FitReport& r) {
 // ---------------------------------------------------------------------------------------------
 // JSON output.
 
-void JsonStats(JsonWriter& json, const TQRegrParameterStats& st, bool tests) {
+// profile: the limits of the stats are profile likelihood limits (the Wald limits are null).
+void JsonStats(JsonWriter& json, const TQRegrParameterStats& st, bool tests, bool profile) {
   json.Member("estimate", st.GetEstimate());
   json.Member("se", st.GetStdError());
-  json.Member("wald_lower", st.GetLowerBound());
-  json.Member("wald_upper", st.GetUpperBound());
+  json.Member("wald_lower", profile ? TQMV::Missing : st.GetLowerBound());
+  json.Member("wald_upper", profile ? TQMV::Missing : st.GetUpperBound());
   if (tests) {
     json.Member("wald_chisq", st.GetWaldChiSquare());
     json.Member("df", st.GetDF());
@@ -699,14 +757,64 @@ void JsonStats(JsonWriter& json, const TQRegrParameterStats& st, bool tests) {
   }
 }
 
-void JsonExtraRow(JsonWriter& json, const char* key, const std::optional<ParameterRow>& row) {
+// The profile interval of the scale or k, null unless that parameter was estimated.
+void JsonProfileExtra(JsonWriter& json, const char* key, const std::optional<ParameterRow>& row) {
+  json.Key(key);
+  if (!row || !row->note.empty()) {
+    json.Null();
+    return;
+  }
+  json.BeginObject();
+  json.Member("estimate", row->stats.GetEstimate());
+  json.Member("lower", row->stats.GetLowerBound());
+  json.Member("upper", row->stats.GetUpperBound());
+  json.EndObject();
+}
+
+void JsonProfileIntervals(JsonWriter& json, const FitReport& r) {
+  json.Key("profile_ci");
+  json.BeginArray();
+  for (const auto& row : r.parameters) {
+    json.BeginObject();
+    json.Member("term", row.name);
+    json.Member("effect", row.effectIndex);
+    json.Key("categories");
+    json.BeginArray();
+    for (int c : row.categories) json.Integer(c);
+    json.EndArray();
+    json.Member("redundant", row.stats.IsRedundant());
+    json.Member("estimate", row.stats.GetEstimate());
+    json.Member("lower", row.stats.IsRedundant() ? TQMV::Missing : row.stats.GetLowerBound());
+    json.Member("upper", row.stats.IsRedundant() ? TQMV::Missing : row.stats.GetUpperBound());
+    json.EndObject();
+  }
+  json.EndArray();
+  JsonProfileExtra(json, "profile_ci_scale", r.scale);
+  JsonProfileExtra(json, "profile_ci_k", r.k);
+}
+
+void JsonLagrangeMultiplierTests(JsonWriter& json, const FitReport& r) {
+  json.Key("lm_tests");
+  json.BeginArray();
+  if (!r.lmTest.empty()) {
+    static const char* const kKeys[6] = {"statistic", "df", "sig", "sig_greater", "sig_less", "sig_nondirectional"};
+    json.BeginObject();
+    json.Member("test", r.lmTest);
+    json.Member("value_tested", r.lmValueTested);
+    for (int i = 0; i < 6; ++i) json.Member(kKeys[i], r.lmValues[i]);
+    json.EndObject();
+  }
+  json.EndArray();
+}
+
+void JsonExtraRow(JsonWriter& json, const char* key, const std::optional<ParameterRow>& row, bool profile) {
   json.Key(key);
   if (!row) {
     json.Null();
     return;
   }
   json.BeginObject();
-  JsonStats(json, row->stats, false);
+  JsonStats(json, row->stats, false, profile && row->note.empty());
   json.Member("fixed", row->note == "fixed");
   if (!row->note.empty() && row->note != "fixed") json.Member("method", row->note);
   json.EndObject();
@@ -823,12 +931,14 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
       json.Member("response_category", row.target);
     }
     json.Member("redundant", row.stats.IsRedundant());
-    JsonStats(json, row.stats, true);
+    JsonStats(json, row.stats, true, r.profile);
     json.EndObject();
   }
   json.EndArray();
-  JsonExtraRow(json, "scale_stats", r.scale);
-  JsonExtraRow(json, "k_stats", r.k);
+  JsonExtraRow(json, "scale_stats", r.scale, r.profile);
+  JsonExtraRow(json, "k_stats", r.k, r.profile);
+  if (r.profile) JsonProfileIntervals(json, r);
+  JsonLagrangeMultiplierTests(json, r);
 
   json.Key("convergence");
   json.BeginObject();
@@ -894,6 +1004,7 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   GatherFit(o, *algorithm, *stats, report);
   GatherParameters(o, table, terms, s, *stats, report);
   GatherEffectTests(o, terms, *stats, report.effectTests);
+  GatherLagrangeMultiplierTest(o, s, *stats, report);
   report.convergence = StoppingText(stats->GetEstimStopCriterion());
   report.iterations = iterations.LastIteration();
   AddWarnings(report.warnings, stats->GetBuildModelWarnings());

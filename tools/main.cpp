@@ -235,6 +235,19 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
             "Wald tests of model effects: type1 (sequential), type3 (each effect adjusted for all others), both "
             "or none (default none)")
       ->group(output);
+  AddChoice(fit, "--effect-statistic", o.effectStatistic, EffectStatisticNames(),
+            "Statistic of the tests of model effects: wald, or lr (likelihood ratio: the model refitted under "
+            "each effect's hypothesis) (default wald)")
+      ->group(output);
+  AddChoice(fit, "--ci", o.ciType, CITypeNames(),
+            "Confidence intervals of the parameters: wald or profile (profile likelihood) (default wald)")
+      ->group(output);
+  fit.add_flag("--overdispersion-test", o.overdispersionTest,
+               "Poisson models: Lagrange multiplier test against overdispersion")
+      ->group(output);
+  AddOptional(fit, "--refit-tolerance", o.refitTolerance,
+              "Log-likelihood tolerance of likelihood-ratio refits and profile intervals (default 1e-4)")
+      ->group(output);
   fit.add_flag("--json", o.json, "Write the output as one JSON document")->group(output);
   fit.add_flag("--dry-run", o.dryRun, "Describe the model that would be fitted, and stop")->group(output);
   fit.add_flag("--progress", x.progress,
