@@ -6,11 +6,14 @@
 // split a pass between the design matrix and the estimation; the estimation over prebuilt rows;
 // and the whole fit (dictionary pass, starting values, iterations and post-estimation) with its
 // number of passes; and the Wald tests of the effects after a fit (one pass for X'WX, then the
-// hypotheses and statistics of both types). The estimation pass and the whole fit run on the calling thread alone
+// hypotheses and statistics of both types); the type III likelihood-ratio tests of the effects
+// (one constrained refit per effect) and the profile likelihood intervals of every parameter
+// (two end points each), with their passes per effect and per end point. The estimation pass and the whole fit run on the calling thread alone
 // (argument 0) and with the second thread that large passes use by default (argument 1). Nothing in the fit keeps records: its memory does not grow with their
 // number.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -23,6 +26,8 @@
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLStatFactory.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLLRStats.h"
+#include "inference/GZLProfileLikelihoodCI.h"
 
 namespace {
 
@@ -188,6 +193,74 @@ void BM_WaldEffectTests(benchmark::State& state) {
   benchmark::DoNotOptimize(sum);
 }
 
+// The type III likelihood-ratio tests of the intercept and the 12 effects after a fit: one
+// constrained refit each, started from the unconstrained estimates, at the engine's default
+// refit tolerance (log-likelihood change below 1e-4).
+void BM_TypeIIILRTests(benchmark::State& state) {
+  Prepared& p = Ready();
+  GZLSettings settings(*p.settings);
+  settings.SetEffectAnalysisType(TQConst::EffectTypeIII);
+  settings.SetEffectAnalysisStat(GZLConst_940::EffectStatLR);
+  GZLOptimizerForGZLM opt(*p.rows, settings, false);
+  opt.Estimate();
+  opt.PostEstimation();
+  std::vector<GZLEffectInfo> info;
+  for (int i = 0; i < p.design->GetNumEffects(); ++i)
+    info.push_back({i, p.design->GetEffect(i).GetStart(), p.design->GetEffect(i).GetNColumns(), {}});
+  TQSymMatrix sscp;
+  opt.ComputeSSCP(sscp);
+  GZLModelEffectTestData data(settings, info, opt.GetNumParams(), sscp);
+  GZLModelEffectTestTypeIII hypotheses;
+  hypotheses.SetData(&data);
+  std::vector<TQRectMatrix> L;
+  hypotheses.ComputeLMatrices(L);
+  int passes = 0;
+  double sum = 0.0;
+  for (auto _ : state) {
+    GZLTypeIIILRStats lr(settings, opt, 1e6);
+    lr.Compute(data, L);
+    passes = lr.GetNumPasses();
+    sum += lr.GetStats()[1][0];
+  }
+  benchmark::DoNotOptimize(sum);
+  const double tests = static_cast<double>(L.size());
+  state.counters["tests"] = tests;
+  state.counters["passes"] = passes;
+  state.counters["passes_per_test"] = passes / tests;
+  state.counters["s_per_test"] = benchmark::Counter(tests, benchmark::Counter::kIsIterationInvariantRate |
+                                                               benchmark::Counter::kInvert);
+}
+
+// Profile likelihood intervals of the 26 parameters (25 in the model, so 50 end points) after
+// a fit, at the engine's default tolerances (|LL - LL*| below 1e-4).
+void BM_ProfileIntervals(benchmark::State& state) {
+  Prepared& p = Ready();
+  GZLSettings settings(*p.settings);
+  settings.SetCIType(GZLConst_940::Profile);
+  settings.SetMaxIterationsPLCI(100);
+  GZLOptimizerForGZLM opt(*p.rows, settings, false);
+  opt.Estimate();
+  opt.PostEstimation();
+  int passes = 0, endPoints = 0;
+  double sum = 0.0;
+  for (auto _ : state) {
+    GZLProfileLikelihoodCI profile(settings, opt);
+    profile.ComputeIntervals();
+    passes = profile.GetNumPasses();
+    endPoints = 0;
+    for (double v : profile.GetLowerBounds()) endPoints += TQMV::IsMissing(v) ? 0 : 1;
+    for (double v : profile.GetUpperBounds()) endPoints += TQMV::IsMissing(v) ? 0 : 1;
+    sum += profile.GetUpperBounds()[1];
+  }
+  benchmark::DoNotOptimize(sum);
+  state.counters["end_points"] = endPoints;
+  state.counters["passes"] = passes;
+  state.counters["passes_per_end_point"] = static_cast<double>(passes) / std::max(endPoints, 1);
+  state.counters["s_per_end_point"] =
+      benchmark::Counter(std::max(endPoints, 1), benchmark::Counter::kIsIterationInvariantRate |
+                                                      benchmark::Counter::kInvert);
+}
+
 // The whole estimation (starting values, iterations, post-estimation) over rows that cost
 // nothing to build: the estimation's own share of the whole fit.
 void BM_EstimationOnCachedRows(benchmark::State& state) {
@@ -214,5 +287,7 @@ BENCHMARK(BM_EstimationPass)->Unit(benchmark::kMillisecond)->Iterations(5)->Arg(
 BENCHMARK(BM_AccumulationOnly)->Unit(benchmark::kMillisecond)->Iterations(5)->Args({0, 0})->Args({1, 0})->Args({0, 1});
 BENCHMARK(BM_WaldEffectTests)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_WholeFit)->Unit(benchmark::kMillisecond)->Iterations(3)->Arg(0)->Arg(1);
+BENCHMARK(BM_TypeIIILRTests)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_ProfileIntervals)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 BENCHMARK_MAIN();

@@ -1,6 +1,8 @@
 #pragma once
 // Test helper: the reference models of tests/data/reference as engine settings, and their data
 // as an in-memory record source.
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -15,6 +17,14 @@
 namespace output_test {
 
 inline std::string RefDir() { return std::string(GZL_TEST_DATA_DIR) + "/reference"; }
+
+// The case files of a reference folder, in name order.
+inline std::vector<std::string> CaseFiles(const std::string& folder) {
+  std::vector<std::string> files;
+  for (const auto& e : std::filesystem::directory_iterator(RefDir() + "/" + folder)) files.push_back(e.path().string());
+  std::sort(files.begin(), files.end());
+  return files;
+}
 
 // A CSV table held in memory, served record by record.
 class TableSource : public IGZLRecordSource {

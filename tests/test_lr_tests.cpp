@@ -22,6 +22,8 @@
 #include "estimation/GZLLagrangeMultiplierTest.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLSeqQuad.h"
+#include "families/GZLDevianceFunc.h"
+#include "families/GZLLogLikeFunc.h"
 #include "inference/GZLLRStats.h"
 #include "output_reference_models.h"
 
@@ -101,12 +103,8 @@ void ExpectLRTests(const nlohmann::json& expected, const std::vector<std::vector
 }  // namespace
 
 TEST(LRTests, ReferenceFigures) {
-  std::vector<std::string> files;
-  for (const auto& e : std::filesystem::directory_iterator(output_test::RefDir() + "/effects"))
-    files.push_back(e.path().string());
-  std::sort(files.begin(), files.end());
   int checked = 0;
-  for (const std::string& file : files) {
+  for (const std::string& file : output_test::CaseFiles("effects")) {
     auto c = LoadCase(file);
     AskForRefits(c->settings);
     auto f = FitCase(std::move(c));
@@ -407,4 +405,34 @@ TEST(LRTests, OverdispersionTest) {
   EXPECT_TRUE(TQMV::IsMissing(one.GetStdError()));
   EXPECT_TRUE(TQMV::IsMissing(one.GetStatistic()));
   EXPECT_TRUE(TQMV::IsMissing(one.GetSigNonDir()));
+}
+
+// The deviance of a constrained fit is the fit's deviance plus twice the log-likelihood it
+// lost (at unit scale): the deviance and the kernel of every family differ by a term of the
+// response alone.
+TEST(LRTests, DevianceFollowsTheKernel) {
+  struct Family {
+    TQConst::DistType dist;
+    double param;
+    double y;
+  };
+  const Family families[] = {{TQConst::DistNormal, 0.0, 2.5},        {TQConst::DistPoisson, 0.0, 3.0},
+                             {TQConst::DistGamma, 0.0, 2.5},         {TQConst::DistInvGaussian, 0.0, 2.5},
+                             {TQConst::DistNegBinomial, 0.7, 3.0},   {TQConst::DistBinomial, 0.0, 0.6}};
+  for (const Family& fam : families) {
+    SCOPED_TRACE(fam.dist);
+    std::unique_ptr<IGZLDevianceFunc> dev(CreateDevianceFunction(fam.dist, fam.param));
+    std::unique_ptr<IGZLLogLikeFunc> ll(CreateLogLikeFunction(fam.dist, 10.0, fam.param, TQConst::LinkLog));
+    ASSERT_TRUE(dev && ll);
+    auto deviance = [&](double mu) {
+      dev->Clear();
+      return dev->AddDeviance(mu, fam.y, 2.0, 1.5, 1.0);
+    };
+    auto kernel = [&](double mu) {
+      ll->Reset(1.0);
+      return ll->AddKernel(fam.y, mu, 2.0, 1.5);
+    };
+    const double mu1 = fam.dist == TQConst::DistBinomial ? 0.3 : 1.7, mu2 = fam.dist == TQConst::DistBinomial ? 0.8 : 4.2;
+    EXPECT_NEAR(deviance(mu2) - deviance(mu1), 2.0 * (kernel(mu1) - kernel(mu2)), 1e-12);
+  }
 }
