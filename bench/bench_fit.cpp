@@ -231,7 +231,7 @@ void BM_TypeIIILRTests(benchmark::State& state) {
                                                                benchmark::Counter::kInvert);
 }
 
-// Profile likelihood intervals of the 26 parameters (25 in the model, so 50 end points) after
+// Profile likelihood intervals of the 26 parameters (24 in the model, so 48 end points) after
 // a fit, at the engine's default tolerances (|LL - LL*| below 1e-4).
 void BM_ProfileIntervals(benchmark::State& state) {
   Prepared& p = Ready();
