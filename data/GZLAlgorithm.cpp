@@ -12,11 +12,6 @@
 #include "inference/GZLOmnibusTest.h"
 #include "support/TQDisplay_940.h"
 
-namespace {
-// Support-library codes of the nominal response categories.
-constexpr int kTooFewResponseCategories = 318;
-constexpr int kReferenceCategoryNotObserved = 319;
-}  // namespace
 
 GZLAlgorithm::GZLAlgorithm(const GZLSettings& settings) : fpSettings(&settings) {
   fCancelInfo.fpCancel = settings.GetCancelPointer();
@@ -137,30 +132,12 @@ TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {
 }
 
 TQStatus GZLAlgorithm::DetermineNominalCategories() {
+  const TQStatus status = fpDesignMatrix->GetNominalCategoryOrder(fResponseCategories);
+  if (status.IsError()) return status;
   const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
   const std::vector<TQFactorCounts::Count>* offsets = fFactorCounts.GetOffsetCountsForDepCatPtr();
-  const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
-  std::vector<int> kept;
-  for (int c = 0; c < k; ++c)
-    if ((*counts)[static_cast<std::size_t>(c)].first > 0.0) kept.push_back(c);
-  if (kept.size() < 2) return TQStatus::Error(kTooFewResponseCategories);
-
-  TQStatus status;
-  const int setting = fpSettings->GetDependentRefCateg();
-  int reference;
-  if (std::find(kept.begin(), kept.end(), setting) != kept.end()) {
-    reference = setting;
-  } else if (setting < 0) {
-    reference = kept.front();
-  } else {
-    reference = kept.back();
-    if (setting > 0) status = TQStatus::Warning(kReferenceCategoryNotObserved);
-  }
-  for (int c : kept)
-    if (c != reference) fResponseCategories.push_back(c);
-  fResponseCategories.push_back(reference);
-
-  fResponsePositions.assign(static_cast<std::size_t>(k), -1);
+  const std::size_t k = counts != nullptr ? counts->size() : 0;
+  fResponsePositions.assign(k, -1);
   for (std::size_t pos = 0; pos < fResponseCategories.size(); ++pos) {
     const std::size_t c = static_cast<std::size_t>(fResponseCategories[pos]);
     fResponsePositions[c] = static_cast<int>(pos);

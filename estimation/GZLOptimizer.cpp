@@ -317,7 +317,70 @@ bool GZLOptimizerForGZLM::MapBackFromScaledDesign() {
   return true;
 }
 
+void GZLOptimizerForGZLM::MultinomialStartingValues() {
+  const std::size_t P = static_cast<std::size_t>(fNParams);
+  fParamEstimates.assign(P, 0.0);
+  fInitRedunInfo = TQBitSet(fNParams, true);
+  std::vector<int> categories;
+  std::vector<double> counts, offsets;
+  const bool haveCounts = fpSource->GetResponseCategories(categories, counts, offsets);
+  const std::size_t K = static_cast<std::size_t>(std::max(fpSettings->GetDependentSize(), 0));
+  const bool withOffset = fpSettings->GetOffsetType() != TQConst::OffsetNone;
+  const TQStatus cannot = TQStatus::Error(GZLStatusCode::CantBuildModel);
+  if (fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial) {
+    // Every category must occur; the thresholds reproduce the cumulative proportions (less the
+    // mean offset of the records at or below each one), made non-decreasing.
+    if (!haveCounts || counts.size() != K || K < 2 || P < K - 1) {
+      fStatus = cannot;
+      return;
+    }
+    double total = 0.0;
+    for (double c : counts) {
+      if (!(c > 0.0)) {
+        fStatus = cannot;
+        return;
+      }
+      total += c;
+    }
+    const ITQLinkFunc* link = fpStatFactory->GetLinkFunction();
+    double cumulative = 0.0, cumulativeOffset = 0.0;
+    for (std::size_t k = 0; k + 1 < K; ++k) {
+      cumulative += counts[k];
+      cumulativeOffset += offsets[k];
+      double threshold = link != nullptr ? link->GetEta(cumulative / total) : TQMV::Missing;
+      if (TQMV::IsMissing(threshold)) {
+        fStatus = cannot;
+        return;
+      }
+      if (withOffset) threshold -= cumulativeOffset / cumulative;
+      if (k > 0 && fParamEstimates[k - 1] > threshold) threshold = fParamEstimates[k - 1];
+      fParamEstimates[k] = threshold;
+    }
+    return;
+  }
+  // Nominal: the intercept of each logit at the log odds of its category against the reference.
+  if (!fpSettings->GetInterceptUse()) return;
+  if (K < 2 || !haveCounts || counts.size() != K || (withOffset && offsets.size() != K) || !(counts[K - 1] > 0.0)) {
+    fStatus = cannot;
+    return;
+  }
+  const std::size_t perLogit = P / (K - 1);
+  for (std::size_t k = 0; k + 1 < K; ++k) {
+    if (!(counts[k] > 0.0)) {
+      fStatus = cannot;
+      return;
+    }
+    double intercept = std::log(counts[k] / counts[K - 1]);
+    if (withOffset) intercept -= offsets[k] / counts[k];
+    if (k * perLogit < P) fParamEstimates[k * perLogit] = intercept;
+  }
+}
+
 void GZLOptimizerForGZLM::InitialBeta() {
+  if (fpSettings->IsMultinomial()) {
+    MultinomialStartingValues();
+    return;
+  }
   TQSymMatrix augmented;
   int used = 0, seen = 0;
   TQStatus st;
@@ -357,6 +420,13 @@ void GZLOptimizerForGZLM::ComputeInitialValues() {
       return;
     }
     std::copy(init.begin(), init.begin() + static_cast<std::ptrdiff_t>(P), fParamEstimates.begin());
+    if (fpSettings->IsMultinomial()) {
+      // The rows hold neither the thresholds nor the logits: every parameter starts in the
+      // model and the first pass's information decides.
+      fInitRedunInfo = TQBitSet(fNParams, true);
+    }
+  }
+  if (fromHost && !fpSettings->IsMultinomial()) {
     // Redundancy of the design from its cross-products.
     TQStatus st;
     TQSymMatrix xx;
@@ -373,7 +443,7 @@ void GZLOptimizerForGZLM::ComputeInitialValues() {
     fInitRedunInfo = set;
     for (int j = 0; j < fNParams; ++j)
       if (!set.Test(j)) fParamEstimates[static_cast<std::size_t>(j)] = 0.0;
-  } else {
+  } else if (!fromHost) {
     InitialBeta();
     if (fStatus.IsError()) return;
   }
@@ -734,18 +804,24 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
   std::unique_ptr<IGZLDevianceFunc> deviance(
       CreateDevianceFunction(dist, dist == TQConst::DistNegBinomial ? fK : s.GetDistParam()));
   std::unique_ptr<IGZLPearsonFunc> pearson(CreatePearsonFunction(dist));
-  if (!link || !var || !ll || !deviance || !pearson) return TQStatus::Error(GZLStatusCode::CantBuildModel);
+  const bool multinomial = s.IsMultinomial();
+  if (!link || (!var && !multinomial) || !ll || !deviance || !pearson)
+    return TQStatus::Error(GZLStatusCode::CantBuildModel);
   if (dist == TQConst::DistNegBinomial) deviance->SetParam(fK);
 
   if (!fpSource->RestartPass()) return TQStatus::Error(GZLStatusCode::NewPass);
   if (IsCancelled()) return TQStatus::Error(1);
   ll->Reset(fPhi);
+  int bad = 0;
+  double spread = 0.0;
+  if (multinomial) {
+    const TQStatus st = MultinomialFitStatistics(*deviance, *pearson);
+    if (st.IsError()) return st;
+  }
   const bool binarySingle = s.IsSingleDependentForBinomial();
   const double eventValue = s.GetDependentRefCateg() == 0 ? 1.0 : 0.0;
   const std::size_t P = static_cast<std::size_t>(fNParams);
-  double spread = 0.0;
-  int bad = 0;
-  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+  while (const GZLDesignRow* row = multinomial ? nullptr : fpSource->GetNextRow()) {
     if (row->fbInvalid || row->fValues.size() != P) {
       ++bad;
     } else {
@@ -773,7 +849,8 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
   }
   fDeviance = deviance->GetDeviance();
   fPearson = pearson->GetPearson();
-  fLLConstant = ll->GetNonKernel();
+  // The multinomial log-likelihood has no constant: the kernel is the full log-likelihood.
+  fLLConstant = multinomial ? 0.0 : ll->GetNonKernel();
   if (TQMV::IsMissingOrInfinite(fLLConstant)) {
     fLLConstant = TQMV::Missing;
     result = TQStatus::Warning(GZLStatusCode::DeviancePearsonConstLikelihoodMissing);
@@ -787,7 +864,9 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
     if (fixedScale > 0.0 && !TQMV::IsMissing(fixedScale)) {
       fPhi = fixedScale;
     } else {
-      const double df = N - fInitRedunInfo.Count() - (fbUpdateK ? 1.0 : 0.0);
+      // A multinomial record counts once per non-reference category.
+      const double records = multinomial ? (s.GetDependentSize() - 1) * N : N;
+      const double df = records - fInitRedunInfo.Count() - (fbUpdateK ? 1.0 : 0.0);
       if (df == 0.0) {
         result = TQStatus::Warning(GZLStatusCode::DegreeFreedomIsZero);
         AddWarning(result);
@@ -833,6 +912,35 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
                           ? TQMV::Missing
                           : fKernelLLScaleFixed + fLLConstant;
   return result;
+}
+
+TQStatus GZLOptimizerForGZLM::MultinomialFitStatistics(IGZLDevianceFunc& deviance, IGZLPearsonFunc& pearson) {
+  const bool ordinal = fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial;
+  const std::vector<double>& beta = GetScaledParamEstimates();
+  // Pattern weights come by category code; the probabilities in the model's order.
+  std::vector<int> categories;
+  std::vector<double> counts, offsets;
+  fpSource->GetResponseCategories(categories, counts, offsets);
+  std::vector<double> pi, observed;
+  while (const GZLDesignRow* row = fpSource->GetNextPatternRow()) {
+    if (!row->fbInvalid && fpStatFactory->ComputeCategoryProbabilities(*row, beta, pi) &&
+        pi.size() == categories.size()) {
+      observed.assign(pi.size(), 0.0);
+      for (std::size_t k = 0; k < categories.size(); ++k) {
+        const std::size_t code = static_cast<std::size_t>(categories[k]);
+        if (code < row->fCategoryWeights.size()) observed[k] = row->fCategoryWeights[code];
+      }
+      if (ordinal) {
+        deviance.AddDevianceOrdinal(observed, pi, row->fPatternTotal);
+        pearson.AddPearsonOrdinal(observed, pi, row->fPatternTotal);
+      } else {
+        deviance.AddDevianceNominal(observed, pi, row->fPatternTotal);
+        pearson.AddPearsonNominal(observed, pi, row->fPatternTotal);
+      }
+    }
+    if (IsCancelled()) return TQStatus::Error(1);
+  }
+  return TQStatus();
 }
 
 void GZLOptimizerForGZLM::Display() const {

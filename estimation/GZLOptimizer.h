@@ -29,6 +29,8 @@
 #include "support/TQSymMatrix.h"
 
 class IGZLRowSource;
+class IGZLDevianceFunc;
+class IGZLPearsonFunc;
 class GZLStatFactory;
 class ProgressListener;
 class TQQueryCancel;
@@ -261,6 +263,12 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   // k, and the starting pass.
   void ComputeInitialValues();
   void InitialBeta();
+  // The starting values of the ordinal and nominal multinomial models, from the weighted
+  // response counts (and offset totals) of the dictionary pass; every parameter starts in the
+  // model, the first pass's information decides which are redundant.
+  void MultinomialStartingValues();
+  // The deviance and Pearson chi-square of a multinomial model over its covariate patterns.
+  TQStatus MultinomialFitStatistics(IGZLDevianceFunc& deviance, IGZLPearsonFunc& pearson);
   void ClosedFormSolution();
   void IterationLoop();
   // One data pass at the current estimates: log-likelihood, gradient and information.

@@ -89,14 +89,19 @@ struct ReferenceCase {
   std::string problem;
 };
 
-inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10) {
+// dataDir: the folder of the case's data (the reference folder's data/ by default); a
+// levels.json there gives the number of categories of a multinomial response.
+inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10,
+                                               std::string dataDir = std::string()) {
   auto c = std::make_unique<ReferenceCase>();
   std::ifstream in(jsonPath);
   const nlohmann::json j = nlohmann::json::parse(in);
   c->name = j["name"];
   c->model = j["model"];
   c->expected = j["expected"];
-  c->source = std::make_unique<TableSource>(RefDir() + "/data/" + j["data"].get<std::string>());
+  if (dataDir.empty()) dataDir = RefDir() + "/data";
+  const std::string dataFile = j["data"].get<std::string>();
+  c->source = std::make_unique<TableSource>(dataDir + "/" + dataFile);
   const auto& m = c->model;
   TableSource& src = *c->source;
   GZLSettings& s = c->settings;
@@ -113,12 +118,15 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, doub
   static const std::map<std::string, TQConst::DistType> dists{
       {"normal", TQConst::DistNormal},       {"binomial", TQConst::DistBinomial}, {"gamma", TQConst::DistGamma},
       {"invgauss", TQConst::DistInvGaussian}, {"negbin", TQConst::DistNegBinomial}, {"poisson", TQConst::DistPoisson},
-      {"tweedie", TQConst::DistTweedie}};
+      {"tweedie", TQConst::DistTweedie},    {"ordinal", TQConst::DistOrdinalMultinomial},
+      {"nominal", TQConst::DistNominalMultinomial}};
   static const std::map<std::string, TQConst::LinkType> links{
       {"cloglog", TQConst::LinkCLogLog}, {"identity", TQConst::LinkIdentity}, {"log", TQConst::LinkLog},
       {"logc", TQConst::LinkLogC},       {"logit", TQConst::LinkLogit},       {"negbin", TQConst::LinkNegBinomial},
       {"loglog", TQConst::LinkNLogLog},  {"oddspower", TQConst::LinkOddsPower}, {"power", TQConst::LinkPower},
-      {"probit", TQConst::LinkProbit}};
+      {"probit", TQConst::LinkProbit},   {"cumcauchit", TQConst::LinkCumCauchit},
+      {"cumcloglog", TQConst::LinkCumCLogLog}, {"cumlogit", TQConst::LinkCumLogit},
+      {"cumnloglog", TQConst::LinkCumNLogLog}, {"cumprobit", TQConst::LinkCumProbit}};
   static const std::map<std::string, GZLConst_940::ScaleMethod> scales{
       {"mle", GZLConst_940::ScaleMLE},
       {"deviance", GZLConst_940::ScaleDeviance},
@@ -135,11 +143,24 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, doub
   s.SetDistParamType((m.contains("k_method") && m["k_method"] == "mle") ? GZLConst_940::DistParamMLE
                                                                          : GZLConst_940::DistParamFixed);
   s.SetScaleType(scales.at(m.value("scale", std::string("fixed"))));
+  if (m.value("hessian", std::string("fisher")) == "newton") s.SetHessianCompMethod(TQConst::HessianNewtonRaphson);
   if (m.contains("scale_value")) s.SetScaleValue(m["scale_value"].get<double>());
 
   if (m.contains("response")) {
     if (!s.SetDependent(col(m["response"]))) fail("dependent refused");
-    if (m["dist"] == "binomial") s.SetDependentRefCateg(m.value("ref_category", 0));
+    if (m["dist"] == "binomial" || m["dist"] == "nominal") s.SetDependentRefCateg(m.value("ref_category", 0));
+    if (s.IsMultinomial()) {
+      // The declared categories: from levels.json when it names them, else the codes seen.
+      int levels = src.Levels(col(m["response"]));
+      std::ifstream levelsIn(dataDir + "/levels.json");
+      if (levelsIn) {
+        const nlohmann::json l = nlohmann::json::parse(levelsIn);
+        const std::string table = dataFile.substr(0, dataFile.find('.'));
+        if (l.contains(table) && l[table].contains(m["response"].get<std::string>()))
+          levels = static_cast<int>(l[table][m["response"].get<std::string>()].size());
+      }
+      s.SetDependentSize(levels);
+    }
   } else if (m.contains("events")) {
     if (m["trials"].is_string()) {
       if (!s.SetEventsTrials(col(m["events"]), col(m["trials"]))) fail("events/trials refused");
