@@ -123,3 +123,337 @@ TEST(Multinomial, ReferenceFits) {
   }
   EXPECT_EQ(checked, 6);
 }
+
+namespace {
+
+GZLSettings OrdinalSettings(TQConst::LinkType link, int categories) {
+  GZLSettings s;
+  s.SetDistType(TQConst::DistOrdinalMultinomial);
+  s.SetLinkType(link);
+  s.SetScaleType(GZLConst_940::ScaleFixed);
+  s.SetDependentSize(categories);
+  return s;
+}
+
+GZLDesignRow Row(std::vector<double> x, double y, double f = 1.0, double s = 1.0, double offset = 0.0) {
+  GZLDesignRow r;
+  r.fValues = std::move(x);
+  r.fResponse = y;
+  r.fFreqWeight = f;
+  r.fScaleWeight = s;
+  r.fOffset = offset;
+  return r;
+}
+
+// Log-likelihood, gradient and information of an accumulator over rows.
+struct Sums {
+  double ll = 0.0;
+  std::vector<double> gradient;
+  TQSymMatrix information;
+};
+
+template <class Accum, class Clear>
+Sums Accumulate(Accum& a, Clear clear, const std::vector<GZLDesignRow>& rows, const std::vector<double>& beta) {
+  clear(a);
+  for (const GZLDesignRow& r : rows) EXPECT_TRUE(a.UpdateForRow(r, beta));
+  Sums s;
+  s.ll = a.GetLogLikelihood();
+  s.gradient = a.GetGradient();
+  a.GetInformation(s.information);
+  return s;
+}
+
+// The gradient against central differences of the log-likelihood, and (when `observed`) the
+// information against central differences of minus the gradient.
+template <class Eval>
+void CheckDerivatives(Eval eval, const std::vector<double>& beta, bool observed) {
+  const Sums at = eval(beta);
+  ASSERT_TRUE(std::isfinite(at.ll));
+  const int n = static_cast<int>(beta.size());
+  for (int j = 0; j < n; ++j) {
+    const double h = 1e-5;
+    std::vector<double> up = beta, down = beta;
+    up[j] += h;
+    down[j] -= h;
+    const Sums u = eval(up), d = eval(down);
+    const double slope = (u.ll - d.ll) / (2.0 * h);
+    EXPECT_NEAR(at.gradient[j], slope, 1e-6 * std::max(1.0, std::fabs(slope))) << "gradient " << j;
+    if (!observed) continue;
+    for (int i = 0; i < n; ++i) {
+      const double curvature = -(u.gradient[i] - d.gradient[i]) / (2.0 * h);
+      EXPECT_NEAR(at.information(std::max(i, j), std::min(i, j)), curvature, 1e-6 * std::max(1.0, std::fabs(curvature)))
+          << "information " << i << ", " << j;
+    }
+  }
+}
+
+// Rows with two covariates, every category of C, weights and offsets.
+std::vector<GZLDesignRow> OrdinalRows(int categories) {
+  std::mt19937 rng(7);
+  std::normal_distribution<double> z(0.0, 1.0);
+  std::vector<GZLDesignRow> rows;
+  for (int i = 0; i < 24; ++i)
+    rows.push_back(Row({z(rng), i % 3 == 0 ? 0.0 : z(rng)}, i % categories, 1.0 + i % 2, 0.5 + 0.25 * (i % 3),
+                       0.3 * z(rng)));
+  return rows;
+}
+
+}  // namespace
+
+// The ordinal record step of every cumulative link: gradient and observed information are the
+// derivatives of the log-likelihood; the expected information is the observed one averaged over
+// the categories with their fitted probabilities.
+TEST(Multinomial, OrdinalRecordStepDerivatives) {
+  const TQConst::LinkType links[] = {TQConst::LinkCumLogit, TQConst::LinkCumProbit, TQConst::LinkCumCLogLog,
+                                     TQConst::LinkCumNLogLog, TQConst::LinkCumCauchit};
+  const int C = 4;
+  const std::vector<GZLDesignRow> rows = OrdinalRows(C);
+  const std::vector<double> beta{-0.8, 0.1, 0.9, 0.4, -0.7};
+  for (TQConst::LinkType link : links) {
+    SCOPED_TRACE(static_cast<int>(link));
+    const GZLSettings s = OrdinalSettings(link, C);
+    GZLOrdAccumStats accum(s, static_cast<int>(beta.size()));
+    ASSERT_NE(accum.GetLink(), nullptr);
+    auto eval = [&](bool expected) {
+      return [&accum, &rows, expected](const std::vector<double>& b) {
+        return Accumulate(accum, [expected](GZLOrdAccumStats& a) { a.Clear(1.5, expected); }, rows, b);
+      };
+    };
+    CheckDerivatives(eval(false), beta, true);
+    CheckDerivatives(eval(true), beta, false);
+    // Expected information of each row = sum over categories k of P_k times the observed
+    // information of the row with response k.
+    const Sums expected = eval(true)(beta);
+    std::vector<GZLDesignRow> spread;
+    std::vector<double> pi;
+    for (const GZLDesignRow& r : rows) {
+      ASSERT_TRUE(accum.ComputeProbabilities(r.fValues.data(), r.fValues.size(), r.fOffset, beta.data(), pi));
+      double total = 0.0;
+      for (int k = 0; k < C; ++k) {
+        total += pi[k];
+        spread.push_back(Row(r.fValues, k, r.fFreqWeight * pi[k], r.fScaleWeight, r.fOffset));
+      }
+      EXPECT_NEAR(total, 1.0, 1e-15);
+    }
+    const Sums averaged = Accumulate(accum, [](GZLOrdAccumStats& a) { a.Clear(1.5, false); }, spread, beta);
+    for (int i = 0; i < 5; ++i)
+      for (int j = 0; j <= i; ++j)
+        EXPECT_NEAR(expected.information(i, j), averaged.information(i, j), 1e-12 * (1.0 + std::fabs(averaged.information(i, j))));
+  }
+}
+
+// The nominal record step (canonical: one information): gradient and information against the
+// derivatives of the log-likelihood, three logits of an intercept and a covariate, rows in every
+// category and a response map that puts the reference last.
+TEST(Multinomial, NominalRecordStepDerivatives) {
+  GZLNomAccumStats accum(2, 4);
+  accum.SetResponseMap({3, 0, 1, 2});  // code 0 is the reference
+  std::vector<GZLDesignRow> rows;
+  std::mt19937 rng(3);
+  std::normal_distribution<double> z(0.0, 1.0);
+  for (int i = 0; i < 20; ++i) rows.push_back(Row({1.0, z(rng)}, i % 4, 1.0 + i % 3, 0.8, 0.2 * z(rng)));
+  const std::vector<double> beta{0.3, -0.5, -0.2, 0.8, 0.1, 0.05};
+  auto eval = [&](const std::vector<double>& b) {
+    return Accumulate(accum, [](GZLNomAccumStats& a) { a.Clear(); }, rows, b);
+  };
+  CheckDerivatives(eval, beta, true);
+  // A record of the reference category adds w log pi_ref and only negative gradient terms.
+  GZLNomAccumStats one(2, 4);
+  one.SetResponseMap({3, 0, 1, 2});
+  const Sums ref = Accumulate(one, [](GZLNomAccumStats& a) { a.Clear(); }, {Row({1.0, 0.5}, 0, 2.0)}, beta);
+  std::vector<double> pi;
+  ASSERT_TRUE(one.ComputeProbabilities(std::vector<double>{1.0, 0.5}.data(), 2, 0.0, beta.data(), pi));
+  EXPECT_NEAR(ref.ll, 2.0 * std::log(pi[3]), 1e-14);
+  EXPECT_LT(ref.gradient[0], 0.0);
+  EXPECT_LT(ref.gradient[2], 0.0);
+  EXPECT_LT(ref.gradient[4], 0.0);
+}
+
+// Linear predictors far beyond the range of exp(): probabilities at 0 or 1 without overflow,
+// every sum finite; an ordinal record in an end category has no threshold below (or above) it.
+TEST(Multinomial, ExtremeLinearPredictors) {
+  for (double big : {50.0, 1e3, 1e6, 1e100}) {
+    SCOPED_TRACE(big);
+    GZLNomAccumStats nominal(2, 3);
+    nominal.Clear();
+    for (double x : {-1.0, 1.0})
+      for (int y = 0; y < 3; ++y) EXPECT_TRUE(nominal.UpdateForRow(Row({1.0, x}, y), {0.0, big, 0.0, -big}));
+    EXPECT_TRUE(std::isfinite(nominal.GetLogLikelihood()));
+    for (double g : nominal.GetGradient()) EXPECT_TRUE(std::isfinite(g));
+    TQSymMatrix info;
+    nominal.GetInformation(info);
+    for (int i = 0; i < 4; ++i)
+      for (int j = 0; j <= i; ++j) EXPECT_TRUE(std::isfinite(info(i, j)));
+    EXPECT_EQ(nominal.GetTally().valid, 6);
+    EXPECT_GE(nominal.GetTally().minPi, 0.0);
+    EXPECT_EQ(nominal.GetTally().maxP, 1.0);
+
+    for (TQConst::LinkType link : {TQConst::LinkCumLogit, TQConst::LinkCumProbit, TQConst::LinkCumCLogLog,
+                                   TQConst::LinkCumNLogLog, TQConst::LinkCumCauchit}) {
+      SCOPED_TRACE(static_cast<int>(link));
+      const GZLSettings s = OrdinalSettings(link, 3);
+      GZLOrdAccumStats ordinal(s, 3);
+      for (bool expected : {true, false}) {
+        ordinal.Clear(1.0, expected);
+        for (double x : {-1.0, 1.0})
+          for (int y = 0; y < 3; ++y) EXPECT_TRUE(ordinal.UpdateForRow(Row({x}, y), {-0.5, 0.5, big}));
+        EXPECT_TRUE(std::isfinite(ordinal.GetLogLikelihood()));
+        for (double g : ordinal.GetGradient()) EXPECT_TRUE(std::isfinite(g));
+        ordinal.GetInformation(info);
+        for (int i = 0; i < 3; ++i)
+          for (int j = 0; j <= i; ++j) EXPECT_TRUE(std::isfinite(info(i, j)));
+      }
+    }
+  }
+  // Lowest category: no gradient on the upper threshold's neighbour below; highest: none on
+  // the last threshold from above.
+  const GZLSettings s = OrdinalSettings(TQConst::LinkCumLogit, 3);
+  GZLOrdAccumStats ordinal(s, 3);
+  ordinal.Clear(1.0, true);
+  ordinal.UpdateForRow(Row({0.0}, 0), {-0.5, 0.5, 1.0});
+  EXPECT_GT(ordinal.GetGradient()[0], 0.0);
+  EXPECT_EQ(ordinal.GetGradient()[1], 0.0);
+  ordinal.Clear(1.0, true);
+  ordinal.UpdateForRow(Row({0.0}, 2), {-0.5, 0.5, 1.0});
+  EXPECT_EQ(ordinal.GetGradient()[0], 0.0);
+  EXPECT_LT(ordinal.GetGradient()[1], 0.0);
+  // Responses outside the categories and rows of the wrong length are refused and counted.
+  ordinal.Clear(1.0, true);
+  EXPECT_FALSE(ordinal.UpdateForRow(Row({0.0}, 3), {-0.5, 0.5, 1.0}));
+  EXPECT_FALSE(ordinal.UpdateForRow(Row({0.0, 1.0}, 1), {-0.5, 0.5, 1.0}));
+  EXPECT_FALSE(ordinal.UpdateForRow(Row({0.0}, TQMV::Missing), {-0.5, 0.5, 1.0}));
+  EXPECT_EQ(ordinal.GetTally().invalid, 3);
+  EXPECT_EQ(ordinal.GetTally().valid, 0);
+}
+
+namespace {
+
+// Settings over a table y, x, g (g a factor of two levels): the response y with `categories`
+// declared categories, effects x and g as asked.
+GZLSettings TableSettings(TQConst::DistType dist, int categories, bool intercept, bool withX, bool withG,
+                          std::vector<int>& vars) {
+  GZLSettings s;
+  s.SetDistType(dist);
+  s.SetLinkType(dist == TQConst::DistOrdinalMultinomial ? TQConst::LinkCumLogit : TQConst::LinkLogit);
+  s.SetScaleType(GZLConst_940::ScaleFixed);
+  s.SetDependent(0);
+  s.SetDependentSize(categories);
+  s.SetDependentRefCateg(dist == TQConst::DistNominalMultinomial ? categories - 1 : 0);
+  s.SetInterceptUse(intercept);
+  s.SetParamEstConCriterion(1e-10);
+  s.SetModelFittingTest(true);
+  vars.clear();
+  if (withG) {
+    s.AddFactor(2, 2);
+    vars.push_back(2);
+  }
+  if (withX) {
+    s.AddCovariate(1);
+    vars.push_back(1);
+  }
+  const int nf = withG ? 1 : 0, nc = withX ? 1 : 0;
+  if (withX) {
+    GZLModelEffect x(nf, nc, &vars);
+    x.AddCovariate(1);
+    s.AddModelEffect(x);
+  }
+  if (withG) {
+    GZLModelEffect g(nf, nc, &vars);
+    g.AddNewFactor(2, false);
+    s.AddModelEffect(g);
+  }
+  return s;
+}
+
+std::unique_ptr<output_test::TableSource> Table(std::vector<std::vector<double>> rows) {
+  return std::make_unique<output_test::TableSource>(std::vector<std::string>{"y", "x", "g"}, std::move(rows));
+}
+
+}  // namespace
+
+// A declared response category that never occurs: the ordinal thresholds and the nominal
+// intercepts cannot start (130018); the parameter list still names the observed categories.
+TEST(Multinomial, CategoryNeverObserved) {
+  std::vector<int> vars;
+  auto data = Table({{0, 0.1, 0}, {1, 0.4, 1}, {3, -0.2, 0}, {0, 1.0, 1}, {3, 0.3, 1}, {1, -0.8, 0}});
+  for (TQConst::DistType dist : {TQConst::DistOrdinalMultinomial, TQConst::DistNominalMultinomial}) {
+    SCOPED_TRACE(static_cast<int>(dist));
+    const GZLSettings s = TableSettings(dist, 4, true, true, false, vars);
+    data->Rewind();
+    GZLAlgorithm algorithm(s);
+    EXPECT_EQ(algorithm.BuildModel(*data).GetErrorCode(), GZLStatusCode::CantBuildModel);
+    EXPECT_FALSE(algorithm.IsModelBuilt());
+    EXPECT_EQ(algorithm.GetDependCategories(), (std::vector<int>{0, 1, 3}));
+  }
+  // With the category gone from the declaration the same data fit.
+  const GZLSettings s = TableSettings(TQConst::DistOrdinalMultinomial, 3, true, true, false, vars);
+  auto recoded = Table({{0, 0.1, 0}, {1, 0.4, 1}, {2, -0.2, 0}, {0, 1.0, 1}, {2, 0.3, 1}, {1, -0.8, 0}});
+  GZLAlgorithm algorithm(s);
+  EXPECT_FALSE(algorithm.BuildModel(*recoded).IsError());
+  EXPECT_TRUE(algorithm.IsModelBuilt());
+}
+
+// Nominal models without covariates: with intercepts the fit reproduces the category
+// proportions at once (log-likelihood sum c_k log(c_k / N), omnibus statistic 0 on 0 degrees of
+// freedom); without intercept there is no parameter and every category has probability 1/C.
+TEST(Multinomial, NominalWithoutCovariates) {
+  std::vector<int> vars;
+  auto data = Table({{0, 0, 0}, {1, 0, 0}, {1, 0, 0}, {2, 0, 0}, {2, 0, 0}, {2, 0, 0}, {0, 0, 0}});
+  const double N = 7.0;
+  const double ll = 2.0 * std::log(2.0 / N) + 2.0 * std::log(2.0 / N) + 3.0 * std::log(3.0 / N);
+  {
+    const GZLSettings s = TableSettings(TQConst::DistNominalMultinomial, 3, true, false, false, vars);
+    GZLAlgorithm algorithm(s);
+    ASSERT_FALSE(algorithm.BuildModel(*data).IsError());
+    const GZLOutputStats* out = nullptr;
+    ASSERT_TRUE(algorithm.GetOutputStats(out).IsOK());
+    ASSERT_EQ(out->GetParamEstimates().size(), 2u);
+    EXPECT_NEAR(out->GetParamEstimates()[0], std::log(2.0 / 3.0), 1e-12);
+    EXPECT_NEAR(out->GetParamEstimates()[1], std::log(2.0 / 3.0), 1e-12);
+    EXPECT_NEAR(out->GetLogLikehood(), ll, 1e-12);
+    EXPECT_NEAR(out->GetOmnibusDist(), 0.0, 1e-12);
+    EXPECT_EQ(out->GetOmnibusDF(), 0.0);
+    EXPECT_NEAR(out->GetDevianceValue(), 0.0, 1e-12);
+  }
+  {
+    const GZLSettings s = TableSettings(TQConst::DistNominalMultinomial, 3, false, false, false, vars);
+    data->Rewind();
+    GZLAlgorithm algorithm(s);
+    ASSERT_FALSE(algorithm.BuildModel(*data).IsError());
+    const GZLOutputStats* out = nullptr;
+    ASSERT_TRUE(algorithm.GetOutputStats(out).IsOK());
+    EXPECT_TRUE(out->GetParamEstimates().empty());
+    EXPECT_NEAR(out->GetLogLikehood(), N * std::log(1.0 / 3.0), 1e-12);
+    EXPECT_NEAR(out->GetAIC(), -2.0 * N * std::log(1.0 / 3.0), 1e-11);
+  }
+}
+
+// Separation: a covariate that orders the categories perfectly makes the fitted probability of
+// every observed category approach 1 (complete separation, 130044, criterion 8), for the
+// ordinal and the nominal model alike; the estimates are still reported.
+TEST(Multinomial, Separation) {
+  std::vector<int> vars;
+  auto data = Table({{0, -3.0, 0}, {0, -2.5, 1}, {0, -2.0, 0}, {1, -0.5, 1}, {1, 0.0, 0}, {1, 0.5, 1},
+                     {2, 2.0, 0}, {2, 2.5, 1}, {2, 3.0, 0}});
+  for (TQConst::DistType dist : {TQConst::DistOrdinalMultinomial, TQConst::DistNominalMultinomial}) {
+    SCOPED_TRACE(static_cast<int>(dist));
+    GZLSettings s = TableSettings(dist, 3, true, true, false, vars);
+    s.SetCSIteration(1);
+    s.SetMaxIterations(100);
+    data->Rewind();
+    GZLAlgorithm algorithm(s);
+    const TQStatus st = algorithm.BuildModel(*data);
+    EXPECT_FALSE(st.IsError()) << st.GetErrorCode();
+    ASSERT_NE(algorithm.GetGZLOptimizer(), nullptr);
+    const auto criterion = algorithm.GetGZLOptimizer()->GetStoppingCriterion();
+    EXPECT_TRUE(criterion == GZLConst_940::CompleteSeparation || criterion == GZLConst_940::QuasiCompleteSeparation)
+        << criterion;
+    const auto& warnings = algorithm.GetBuildModelWarnings();
+    const bool warned = std::any_of(warnings.begin(), warnings.end(), [](const TQStatus& w) {
+      return w.GetErrorCode() == GZLStatusCode::CompleteSeparation ||
+             w.GetErrorCode() == GZLStatusCode::QuasiCompleteSeparation;
+    });
+    EXPECT_TRUE(warned);
+    EXPECT_TRUE(algorithm.IsModelBuilt());
+  }
+}
