@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "GZLProgress.h"
 #include "GZLRecord.h"
 #include "estimation/GZLPassWorker.h"
 #include "estimation/GZLRowPipeline.h"
@@ -60,6 +61,7 @@ class GZLSharedPass {
   }
   bool IsStarted() const noexcept { return fpWorker && fpWorker->IsRunning(); }
   std::size_t GetNumValues() const noexcept { return fNValues; }
+  void Display() const;
 
   // Deals the rows of one pass of `source` (restarted by the caller). here(const GZLDesignRow&)
   // runs on this thread; a copy of `there`, taken on the second thread when the pass starts, is

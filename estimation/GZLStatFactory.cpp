@@ -717,6 +717,9 @@ void GZLStatFactory::Display() const {
   DisplayD("Smallest fitted probability of the observed category", fMain.minP);
   DisplayD("Largest fitted probability of the observed category", fMain.maxP);
   DisplayD("Smallest fitted probability", fMain.minPi);
+  if (fpOrdAccum) fpOrdAccum->Display();
+  if (fpNomAccum) fpNomAccum->Display();
+  if (fpSharing) fpSharing->Display();
   DisplayText(1, "GZLStatFactory display end");
 }
 

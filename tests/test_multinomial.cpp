@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@
 #include "inference/GZLOmnibusTest.h"
 #include "output_reference_models.h"
 #include "support/LinkFunctions.h"
+#include "support/TQDisplay_940.h"
 
 namespace {
 
@@ -119,6 +121,19 @@ TEST(Multinomial, ReferenceFits) {
     const auto criterion = out->GetEstimStopCriterion();
     EXPECT_TRUE(criterion == GZLConst_940::AllConverged || criterion == GZLConst_940::StepHalvingExhausted)
         << criterion;
+    // The centred and scaled design reaches the same estimates and standard errors.
+    c->source->Rewind();
+    GZLSettings scaled = c->settings;
+    scaled.SetTransformEffects(true);
+    GZLAlgorithm transformed(scaled);
+    ASSERT_FALSE(transformed.BuildModel(*c->source).IsError());
+    const GZLOutputStats* outScaled = nullptr;
+    ASSERT_TRUE(transformed.GetOutputStats(outScaled).IsOK());
+    for (size_t j = 0; j < params.size(); ++j) {
+      if (params[j]["redundant"].get<bool>()) continue;
+      ExpectRel(params[j]["estimate"], outScaled->GetParamEstimates()[j], "estimate, scaled design");
+      ExpectRel(params[j]["se"], outScaled->GetParamStats()[j].GetStdError(), "standard error, scaled design");
+    }
     ++checked;
   }
   EXPECT_EQ(checked, 6);
@@ -456,4 +471,69 @@ TEST(Multinomial, Separation) {
     EXPECT_TRUE(warned);
     EXPECT_TRUE(algorithm.IsModelBuilt());
   }
+}
+
+namespace {
+
+class CancelAfter final : public TQQueryCancel {
+ public:
+  explicit CancelAfter(int polls) : fLeft(polls) {}
+  bool IsCancelled() override { return --fLeft < 0; }
+
+ private:
+  int fLeft;
+};
+
+class CountIterations final : public ProgressListener {
+ public:
+  void OnProgress(const ProgressReport&) override { ++fReports; }
+  int fReports = 0;
+};
+
+}  // namespace
+
+// Progress reports and cancellation as for the other models, and the diagnostic display of the
+// accumulators within the optimizer's.
+TEST(Multinomial, ProgressCancellationAndDisplay) {
+  auto c = output_test::LoadCase(MultinomialDir() + "/expected/sim_nominal_factor_by_covariate_reffirst.json", 1e-10,
+                                 MultinomialDir() + "/data");
+  CountIterations listener;
+  c->settings.SetIterProgressListener(&listener);
+  {
+    GZLAlgorithm algorithm(c->settings);
+    ASSERT_FALSE(algorithm.BuildModel(*c->source).IsError());
+    EXPECT_EQ(listener.fReports, algorithm.GetGZLOptimizer()->GetIterationNumber());
+    std::ostringstream out;
+    {
+      TQDisplay_940::ScopedStream redirect(out);
+      algorithm.GetGZLOptimizer()->Display();
+    }
+    const std::string text = out.str();
+    for (const char* label : {"GZLNomAccumStats display start", "Accumulated log-likelihood", "Accumulated Hessian:",
+                              "Number of invalid calls to UpdateForRow()", "GZLNomAccumStats display end"})
+      EXPECT_NE(text.find(label), std::string::npos) << label;
+  }
+  // Cancelled in the middle of a pass (240 records, a poll per record): status 1, no model.
+  for (int polls : {100, 700}) {
+    CancelAfter cancel(polls);
+    c->settings.SetCancelPointer(&cancel);
+    c->source->Rewind();
+    GZLAlgorithm algorithm(c->settings);
+    EXPECT_EQ(algorithm.BuildModel(*c->source).GetErrorCode(), 1) << polls;
+    EXPECT_FALSE(algorithm.IsModelBuilt());
+  }
+  c->settings.SetCancelPointer(nullptr);
+
+  const GZLSettings s = OrdinalSettings(TQConst::LinkCumCLogLog, 3);
+  GZLOrdAccumStats ordinal(s, 3);
+  ordinal.Clear(1.0, false);
+  ordinal.UpdateForRow(Row({0.5}, 1), {-0.5, 0.5, 1.0});
+  std::ostringstream out;
+  {
+    TQDisplay_940::ScopedStream redirect(out);
+    ordinal.Display();
+  }
+  EXPECT_EQ(out.str().rfind("GZLOrdAccumStats display start", 0), 0u);
+  EXPECT_NE(out.str().find("Index of the first covariate parameter: 2"), std::string::npos) << out.str();
+  EXPECT_NE(out.str().find("GZLOrdAccumStats display end"), std::string::npos);
 }
