@@ -317,9 +317,9 @@ bool GZLOptimizerForGZLM::MapBackFromScaledDesign() {
   return true;
 }
 
-void GZLOptimizerForGZLM::MultinomialStartingValues() {
+void GZLOptimizerForGZLM::MultinomialStartingValues(bool fromHost) {
   const std::size_t P = static_cast<std::size_t>(fNParams);
-  fParamEstimates.assign(P, 0.0);
+  if (!fromHost) fParamEstimates.assign(P, 0.0);
   fInitRedunInfo = TQBitSet(fNParams, true);
   std::vector<int> categories;
   std::vector<double> counts, offsets;
@@ -327,21 +327,25 @@ void GZLOptimizerForGZLM::MultinomialStartingValues() {
   const std::size_t K = static_cast<std::size_t>(std::max(fpSettings->GetDependentSize(), 0));
   const bool withOffset = fpSettings->GetOffsetType() != TQConst::OffsetNone;
   const TQStatus cannot = TQStatus::Error(GZLStatusCode::CantBuildModel);
+  // Every declared category must occur: an ordinal threshold between two categories, or a
+  // nominal logit, needs records on both sides. (Without it the nominal categories could not
+  // even be given their places, the reference last.)
+  const bool allObserved =
+      haveCounts && K >= 2 && counts.size() == K && std::all_of(counts.begin(), counts.end(), [](double c) { return c > 0.0; });
+  if (!allObserved) {
+    fStatus = cannot;
+    return;
+  }
+  if (fromHost) return;
   if (fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial) {
-    // Every category must occur; the thresholds reproduce the cumulative proportions (less the
-    // mean offset of the records at or below each one), made non-decreasing.
-    if (!haveCounts || counts.size() != K || K < 2 || P < K - 1) {
+    // The thresholds reproduce the cumulative proportions (less the mean offset of the records
+    // at or below each one), made non-decreasing.
+    if (P < K - 1) {
       fStatus = cannot;
       return;
     }
     double total = 0.0;
-    for (double c : counts) {
-      if (!(c > 0.0)) {
-        fStatus = cannot;
-        return;
-      }
-      total += c;
-    }
+    for (double c : counts) total += c;
     const ITQLinkFunc* link = fpStatFactory->GetLinkFunction();
     double cumulative = 0.0, cumulativeOffset = 0.0;
     for (std::size_t k = 0; k + 1 < K; ++k) {
@@ -360,16 +364,12 @@ void GZLOptimizerForGZLM::MultinomialStartingValues() {
   }
   // Nominal: the intercept of each logit at the log odds of its category against the reference.
   if (!fpSettings->GetInterceptUse()) return;
-  if (K < 2 || !haveCounts || counts.size() != K || (withOffset && offsets.size() != K) || !(counts[K - 1] > 0.0)) {
+  if (withOffset && offsets.size() != K) {
     fStatus = cannot;
     return;
   }
   const std::size_t perLogit = P / (K - 1);
   for (std::size_t k = 0; k + 1 < K; ++k) {
-    if (!(counts[k] > 0.0)) {
-      fStatus = cannot;
-      return;
-    }
     double intercept = std::log(counts[k] / counts[K - 1]);
     if (withOffset) intercept -= offsets[k] / counts[k];
     if (k * perLogit < P) fParamEstimates[k * perLogit] = intercept;
@@ -378,7 +378,7 @@ void GZLOptimizerForGZLM::MultinomialStartingValues() {
 
 void GZLOptimizerForGZLM::InitialBeta() {
   if (fpSettings->IsMultinomial()) {
-    MultinomialStartingValues();
+    MultinomialStartingValues(false);
     return;
   }
   TQSymMatrix augmented;
@@ -423,7 +423,8 @@ void GZLOptimizerForGZLM::ComputeInitialValues() {
     if (fpSettings->IsMultinomial()) {
       // The rows hold neither the thresholds nor the logits: every parameter starts in the
       // model and the first pass's information decides.
-      fInitRedunInfo = TQBitSet(fNParams, true);
+      MultinomialStartingValues(true);
+      if (fStatus.IsError()) return;
     }
   }
   if (fromHost && !fpSettings->IsMultinomial()) {

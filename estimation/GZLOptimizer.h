@@ -264,9 +264,10 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   void ComputeInitialValues();
   void InitialBeta();
   // The starting values of the ordinal and nominal multinomial models, from the weighted
-  // response counts (and offset totals) of the dictionary pass; every parameter starts in the
-  // model, the first pass's information decides which are redundant.
-  void MultinomialStartingValues();
+  // response counts (and offset totals) of the dictionary pass (fromHost: only the checks, the
+  // host's values are kept); every parameter starts in the model, the first pass's information
+  // decides which are redundant. 130018 when a declared response category never occurs.
+  void MultinomialStartingValues(bool fromHost);
   // The deviance and Pearson chi-square of a multinomial model over its covariate patterns.
   TQStatus MultinomialFitStatistics(IGZLDevianceFunc& deviance, IGZLPearsonFunc& pearson);
   void ClosedFormSolution();

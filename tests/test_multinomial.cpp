@@ -387,13 +387,17 @@ std::unique_ptr<output_test::TableSource> Table(std::vector<std::vector<double>>
 }  // namespace
 
 // A declared response category that never occurs: the ordinal thresholds and the nominal
-// intercepts cannot start (130018); the parameter list still names the observed categories.
+// logits cannot be fitted (130018), with or without an intercept or the host's starting
+// values; the parameter list still names the observed categories.
 TEST(Multinomial, CategoryNeverObserved) {
   std::vector<int> vars;
   auto data = Table({{0, 0.1, 0}, {1, 0.4, 1}, {3, -0.2, 0}, {0, 1.0, 1}, {3, 0.3, 1}, {1, -0.8, 0}});
-  for (TQConst::DistType dist : {TQConst::DistOrdinalMultinomial, TQConst::DistNominalMultinomial}) {
-    SCOPED_TRACE(static_cast<int>(dist));
-    const GZLSettings s = TableSettings(dist, 4, true, true, false, vars);
+  for (int variant = 0; variant < 6; ++variant) {
+    const TQConst::DistType dist = variant % 2 ? TQConst::DistNominalMultinomial : TQConst::DistOrdinalMultinomial;
+    SCOPED_TRACE(variant);
+    GZLSettings s = TableSettings(dist, 4, variant < 4, true, false, vars);
+    const std::size_t P = dist == TQConst::DistOrdinalMultinomial ? 4 : 6;
+    if (variant >= 2 && variant < 4) s.SetInitParams(std::vector<double>(P, 0.1));
     data->Rewind();
     GZLAlgorithm algorithm(s);
     EXPECT_EQ(algorithm.BuildModel(*data).GetErrorCode(), GZLStatusCode::CantBuildModel);
