@@ -317,10 +317,42 @@ bool GZLOptimizerForGZLM::MapBackFromScaledDesign() {
   return true;
 }
 
+void GZLOptimizerForGZLM::DesignRedundancy() {
+  TQStatus st;
+  TQSymMatrix xx;
+  const bool ordinal = fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial;
+  fpStatFactory->ComputeCrossProducts(st, xx, ordinal);
+  if (st.IsError()) {
+    fStatus = st;
+    return;
+  }
+  const int n = xx.GetNumRows();
+  std::vector<double> diagonal;
+  xx.GetDiagonal(diagonal);
+  TQBitSet set(n, false);
+  xx.Sweep(0, n, fpSettings->GetTolerance(), diagonal, set);
+  set.Resize(n, false);
+  if (!fpSettings->IsMultinomial()) {
+    set.Resize(fNParams, false);
+    fInitRedunInfo = set;
+    return;
+  }
+  // Ordinal: the thresholds (the unit column's place) always, then the columns; nominal: the
+  // columns' pattern in every logit.
+  fInitRedunInfo = TQBitSet(fNParams, true);
+  if (ordinal) {
+    const int thresholds = fNParams - (n - 1);
+    for (int j = 1; j < n; ++j)
+      if (!set.Test(j)) fInitRedunInfo.Clear(thresholds + j - 1);
+  } else if (n > 0) {
+    for (int k = 0; k < fNParams; ++k)
+      if (!set.Test(k % n)) fInitRedunInfo.Clear(k);
+  }
+}
+
 void GZLOptimizerForGZLM::MultinomialStartingValues(bool fromHost) {
   const std::size_t P = static_cast<std::size_t>(fNParams);
   if (!fromHost) fParamEstimates.assign(P, 0.0);
-  fInitRedunInfo = TQBitSet(fNParams, true);
   std::vector<int> categories;
   std::vector<double> counts, offsets;
   const bool haveCounts = fpSource->GetResponseCategories(categories, counts, offsets);
@@ -337,6 +369,11 @@ void GZLOptimizerForGZLM::MultinomialStartingValues(bool fromHost) {
     return;
   }
   if (fromHost) return;
+  // The aliasing of the design's columns, from their cross-products: exact for the columns of
+  // factor levels, whose cross-products are sums of weights, where the information summed over
+  // many records would decide it on rounding.
+  DesignRedundancy();
+  if (fStatus.IsError()) return;
   if (fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial) {
     // The thresholds reproduce the cumulative proportions (less the mean offset of the records
     // at or below each one), made non-decreasing.
@@ -421,30 +458,15 @@ void GZLOptimizerForGZLM::ComputeInitialValues() {
     }
     std::copy(init.begin(), init.begin() + static_cast<std::ptrdiff_t>(P), fParamEstimates.begin());
     if (fpSettings->IsMultinomial()) {
-      // The rows hold neither the thresholds nor the logits: every parameter starts in the
-      // model and the first pass's information decides.
       MultinomialStartingValues(true);
       if (fStatus.IsError()) return;
     }
-  }
-  if (fromHost && !fpSettings->IsMultinomial()) {
     // Redundancy of the design from its cross-products.
-    TQStatus st;
-    TQSymMatrix xx;
-    fpStatFactory->ComputeCrossProducts(st, xx);
-    if (st.IsError()) {
-      fStatus = st;
-      return;
-    }
-    std::vector<double> diagonal;
-    xx.GetDiagonal(diagonal);
-    TQBitSet set(fNParams, false);
-    xx.Sweep(0, fNParams, fpSettings->GetTolerance(), diagonal, set);
-    set.Resize(fNParams, false);
-    fInitRedunInfo = set;
+    DesignRedundancy();
+    if (fStatus.IsError()) return;
     for (int j = 0; j < fNParams; ++j)
-      if (!set.Test(j)) fParamEstimates[static_cast<std::size_t>(j)] = 0.0;
-  } else if (!fromHost) {
+      if (!fInitRedunInfo.Test(j)) fParamEstimates[static_cast<std::size_t>(j)] = 0.0;
+  } else {
     InitialBeta();
     if (fStatus.IsError()) return;
   }

@@ -858,9 +858,11 @@ double GZLStatFactory::ComputeInitialScale(TQStatus& status, const std::vector<d
   return sum / counted;
 }
 
-void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts) {
+void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts, bool leadingOne) {
   status.Clear();
-  crossProducts = TQSymMatrix(fNParams);
+  const std::size_t width = static_cast<std::size_t>(fRowWidth);
+  const std::size_t first = leadingOne ? 1 : 0;
+  crossProducts = TQSymMatrix(static_cast<int>(width + first));
   if (!fpSource->RestartPass()) {
     status = TQStatus::Error(GZLStatusCode::NewPass);
     return;
@@ -870,10 +872,16 @@ void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossPr
     status = TQStatus::Error(1);
     return;
   }
-  const std::size_t P = static_cast<std::size_t>(fNParams);
+  std::vector<double> x(width + first, 1.0);
   while (const GZLDesignRow* row = fpSource->GetNextRow()) {
-    if (!row->fbInvalid && row->fValues.size() == P)
-      crossProducts.UpdateXX(row->fValues, row->fFreqWeight * row->fScaleWeight);
+    if (!row->fbInvalid && row->fValues.size() == width) {
+      if (leadingOne) {
+        std::copy(row->fValues.begin(), row->fValues.end(), x.begin() + 1);
+        crossProducts.UpdateXX(x, row->fFreqWeight * row->fScaleWeight);
+      } else {
+        crossProducts.UpdateXX(row->fValues, row->fFreqWeight * row->fScaleWeight);
+      }
+    }
     if (IsCancelled(cancel)) {
       status = TQStatus::Error(1);
       return;

@@ -74,8 +74,9 @@ class GZLStatFactory {
   // (g(y) - o - x'beta)^2 (f s / V(y)) (1/g'(y))^2; 0 when nothing counted. `skipped` gets the
   // number of records that could not be used. 130018 when records were seen but none counted.
   double ComputeInitialScale(TQStatus& status, const std::vector<double>& beta, int& skipped);
-  // X'X of the complete rows, each weighted by f s.
-  void ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts);
+  // X'X of the complete rows (GetRowWidth columns), each weighted by f s; with leadingOne a
+  // unit column comes first (standing for the thresholds of an ordinal model).
+  void ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts, bool leadingOne = false);
   // Sum of f s (y - (o + x'beta))^2; a residual whose response and fitted value agree to 8 units
   // in the last place counts as 0.
   double ComputeResidualSS(TQStatus& status, const std::vector<double>& beta);
