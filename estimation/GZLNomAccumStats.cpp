@@ -155,24 +155,13 @@ void GZLNomAccumStats::Merge(const GZLNomAccumStats& other) {
   for (std::size_t b = 0; b < fBlocks.size() && b < other.fBlocks.size(); ++b) {
     Block& to = fBlocks[b];
     Block& from = other.fBlocks[b];
-    to.batch.Flush(to.sums.Data());
-    from.batch.Flush(from.sums.Data());
-    const std::size_t k = std::min(to.sums.PackedSize(), from.sums.PackedSize());
-    double* t = to.sums.Data();
-    const double* f = from.sums.Data();
-    for (std::size_t i = 0; i < k; ++i) t[i] += f[i];
+    GZLBatchedRankOne::AddFlushed(to.sums.Data(), to.batch, from.sums.Data(), from.batch,
+                                  std::min(to.sums.PackedSize(), from.sums.PackedSize()));
   }
 }
 
-double GZLNomAccumStats::GetLogLikelihood() const noexcept {
-  return fTally.logLikeBad ? TQMV::Missing : fTally.logLike.Get();
-}
-
 const std::vector<double>& GZLNomAccumStats::GetGradient() const {
-  fMaskedGradient = fGradient;
-  for (std::size_t i = 0; i < fMaskedGradient.size(); ++i)
-    if (!fInModel.Test(static_cast<int>(i))) fMaskedGradient[i] = 0.0;
-  return fMaskedGradient;
+  return GZLInModelOnly(fGradient, fInModel, fMaskedGradient);
 }
 
 void GZLNomAccumStats::GetInformation(TQSymMatrix& out) const {

@@ -77,7 +77,7 @@ class GZLNomAccumStats final : public GZLNomAccumStatsBase {
   // ---- results of the pass ----
   const GZLRowTally& GetTally() const noexcept { return fTally; }
   // Missing when a term was not finite.
-  double GetLogLikelihood() const noexcept;
+  double GetLogLikelihood() const noexcept { return fTally.GetLogLikelihood(); }
   const std::vector<double>& GetGradient() const;
   // The (C - 1) p information matrix.
   void GetInformation(TQSymMatrix& out) const;

@@ -121,23 +121,12 @@ void GZLOrdAccumStats::Merge(const GZLOrdAccumStats& other) {
   add(fCross, other.fCross);
   add(fThresholdDiag, other.fThresholdDiag);
   add(fThresholdSub, other.fThresholdSub);
-  fBatch.Flush(fBeta.Data());
-  other.fBatch.Flush(other.fBeta.Data());
-  const std::size_t n = std::min(fBeta.PackedSize(), other.fBeta.PackedSize());
-  double* to = fBeta.Data();
-  const double* from = other.fBeta.Data();
-  for (std::size_t i = 0; i < n; ++i) to[i] += from[i];
-}
-
-double GZLOrdAccumStats::GetLogLikelihood() const noexcept {
-  return fTally.logLikeBad ? TQMV::Missing : fTally.logLike.Get();
+  GZLBatchedRankOne::AddFlushed(fBeta.Data(), fBatch, other.fBeta.Data(), other.fBatch,
+                                std::min(fBeta.PackedSize(), other.fBeta.PackedSize()));
 }
 
 const std::vector<double>& GZLOrdAccumStats::GetGradient() const {
-  fMaskedGradient = fGradient;
-  for (std::size_t i = 0; i < fMaskedGradient.size(); ++i)
-    if (!fInModel.Test(static_cast<int>(i))) fMaskedGradient[i] = 0.0;
-  return fMaskedGradient;
+  return GZLInModelOnly(fGradient, fInModel, fMaskedGradient);
 }
 
 void GZLOrdAccumStats::GetInformation(TQSymMatrix& out) const {

@@ -84,7 +84,8 @@ class GZLOrdAccumStats final : public GZLOrdAccumStatsBase {
 
   // ---- results of the pass ----
   const GZLRowTally& GetTally() const noexcept { return fTally; }
-  double GetLogLikelihood() const noexcept;
+  // Missing when a term was not finite.
+  double GetLogLikelihood() const noexcept { return fTally.GetLogLikelihood(); }
   const std::vector<double>& GetGradient() const;
   void GetInformation(TQSymMatrix& out) const;
   // Probabilities of the C categories at one design row (effect columns only) and beta; false

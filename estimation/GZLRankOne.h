@@ -113,6 +113,15 @@ class GZLBatchedRankOne {
   // Adds the pending records' leading blocks to the matrix.
   void Flush(double* packed) noexcept;
 
+  // to += from for two packed matrices of packedSize entries, each flushed of its pending
+  // records first: the merge of two accumulators of disjoint records.
+  static void AddFlushed(double* to, GZLBatchedRankOne& toBatch, double* from, GZLBatchedRankOne& fromBatch,
+                         std::size_t packedSize) noexcept {
+    toBatch.Flush(to);
+    fromBatch.Flush(from);
+    for (std::size_t i = 0; i < packedSize; ++i) to[i] += from[i];
+  }
+
  private:
   int fN = 0;
   int fMaxDense = 0;

@@ -5,7 +5,11 @@
 #include <algorithm>
 #include <cfloat>
 
+#include <vector>
+
 #include "estimation/GZLCompensatedSum.h"
+#include "support/TQBitSet.h"
+#include "support/TQMV.h"
 
 struct GZLRowTally {
   GZLCompensatedSum logLike;
@@ -23,6 +27,8 @@ struct GZLRowTally {
   double minPi = DBL_MAX;
 
   void Clear() noexcept { *this = GZLRowTally(); }
+  // The log-likelihood, missing when a term was not finite.
+  double GetLogLikelihood() const noexcept { return logLikeBad ? TQMV::Missing : logLike.Get(); }
   void Merge(const GZLRowTally& other) noexcept {
     logLike.Merge(other.logLike);
     logLikeBad = logLikeBad || other.logLikeBad;
@@ -35,3 +41,13 @@ struct GZLRowTally {
     minPi = std::min(minPi, other.minPi);
   }
 };
+
+// What an accumulator hands out of a vector over the parameters: `all` with the entries of
+// parameters out of the model (clear bits of inModel) set to 0, written to `out`.
+inline const std::vector<double>& GZLInModelOnly(const std::vector<double>& all, const TQBitSet& inModel,
+                                                 std::vector<double>& out) {
+  out = all;
+  for (std::size_t i = 0; i < out.size(); ++i)
+    if (!inModel.Test(static_cast<int>(i))) out[i] = 0.0;
+  return out;
+}

@@ -18,6 +18,7 @@
 #include "GZLSettings.h"
 #include "data/GZLAlgorithm.h"
 #include "data/GZLDesignRow.h"
+#include "datapass_helpers.h"
 #include "estimation/GZLNomAccumStats.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLOrdAccumStats.h"
@@ -477,36 +478,17 @@ TEST(Multinomial, Separation) {
   }
 }
 
-namespace {
-
-class CancelAfter final : public TQQueryCancel {
- public:
-  explicit CancelAfter(int polls) : fLeft(polls) {}
-  bool IsCancelled() override { return --fLeft < 0; }
-
- private:
-  int fLeft;
-};
-
-class CountIterations final : public ProgressListener {
- public:
-  void OnProgress(const ProgressReport&) override { ++fReports; }
-  int fReports = 0;
-};
-
-}  // namespace
-
 // Progress reports and cancellation as for the other models, and the diagnostic display of the
 // accumulators within the optimizer's.
 TEST(Multinomial, ProgressCancellationAndDisplay) {
   auto c = output_test::LoadCase(MultinomialDir() + "/expected/sim_nominal_factor_by_covariate_reffirst.json", 1e-10,
                                  MultinomialDir() + "/data");
-  CountIterations listener;
+  datapass_test::RecordingListener listener;
   c->settings.SetIterProgressListener(&listener);
   {
     GZLAlgorithm algorithm(c->settings);
     ASSERT_FALSE(algorithm.BuildModel(*c->source).IsError());
-    EXPECT_EQ(listener.fReports, algorithm.GetGZLOptimizer()->GetIterationNumber());
+    EXPECT_EQ(static_cast<int>(listener.records.size()), algorithm.GetGZLOptimizer()->GetIterationNumber());
     std::ostringstream out;
     {
       TQDisplay_940::ScopedStream redirect(out);
@@ -519,7 +501,7 @@ TEST(Multinomial, ProgressCancellationAndDisplay) {
   }
   // Cancelled in the middle of a pass (240 records, a poll per record): status 1, no model.
   for (int polls : {100, 700}) {
-    CancelAfter cancel(polls);
+    datapass_test::CountingCancel cancel(polls);
     c->settings.SetCancelPointer(&cancel);
     c->source->Rewind();
     GZLAlgorithm algorithm(c->settings);
