@@ -194,14 +194,9 @@ void GZLNomAccumStats::Display() const {
   DisplayText(1, "GZLNomAccumStats display start");
   DisplayI("Number of parameters per logit", fNBasicParams);
   DisplayI("Number of categories", fNCategories);
-  DisplayD("Accumulated log-likelihood", GetLogLikelihood());
-  DisplayDV("Accumulated vector of gradient", GetGradient(), false);
   TQSymMatrix information;
   GetInformation(information);
-  information.Display("Accumulated Hessian:");
-  DisplayI("Number of valid rows processed", fTally.valid);
-  DisplayI("Number of invalid calls to UpdateForRow()", fTally.invalid);
-  DisplayD("Accumulated weight", fTally.weight);
+  GZLDisplayPassSums(fTally, GetGradient(), information);
   DisplayB("Separation of data check indicator", fbSeparationCheck);
   DisplayText(1, "GZLNomAccumStats display end");
 }

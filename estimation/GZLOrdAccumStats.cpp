@@ -156,13 +156,8 @@ void GZLOrdAccumStats::Display() const {
   DisplayI("Index of the last parameter", fParamSize);
   DisplayB("Expected information indicator", fbUseExpected);
   DisplayD("Phi (scale) parameter", fPhi);
-  DisplayD("Accumulated log-likelihood", GetLogLikelihood());
-  DisplayDV("Accumulated vector of gradient", GetGradient(), false);
   TQSymMatrix information;
   GetInformation(information);
-  information.Display("Accumulated Hessian:");
-  DisplayI("Number of valid rows processed", fTally.valid);
-  DisplayI("Number of invalid calls to UpdateForRow()", fTally.invalid);
-  DisplayD("Accumulated weight", fTally.weight);
+  GZLDisplayPassSums(fTally, GetGradient(), information);
   DisplayText(1, "GZLOrdAccumStats display end");
 }

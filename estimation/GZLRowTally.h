@@ -11,6 +11,8 @@
 #include "support/TQBitSet.h"
 #include "support/TQMV.h"
 
+class TQSymMatrix;
+
 struct GZLRowTally {
   GZLCompensatedSum logLike;
   // A term of the log-likelihood was not a finite number.
@@ -51,3 +53,7 @@ inline const std::vector<double>& GZLInModelOnly(const std::vector<double>& all,
     if (!inModel.Test(static_cast<int>(i))) out[i] = 0.0;
   return out;
 }
+
+// The display lines of a multinomial accumulator's sums: log-likelihood, gradient, information
+// and the counts of rows.
+void GZLDisplayPassSums(const GZLRowTally& tally, const std::vector<double>& gradient, const TQSymMatrix& information);
