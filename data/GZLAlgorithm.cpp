@@ -10,6 +10,8 @@
 #include "GZLOutputStats.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLOmnibusTest.h"
+#include "inference/GZLScoringEngine.h"
+#include "GZLScoreStats.h"
 #include "support/TQDisplay_940.h"
 
 
@@ -24,6 +26,7 @@ GZLAlgorithm::~GZLAlgorithm() {
   fpDesignMatrix.reset();
   DiscardFit();
   fpOutputStats.reset();
+  fpScoringEngine.reset();
 }
 
 std::string GZLAlgorithm::GetComponentInfo() const {
@@ -96,6 +99,7 @@ TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {
 
   fbInitialized = false;
   fParameters.clear();
+  fpScoringEngine.reset();
   fpDesignMatrix.reset();
   DiscardFit();
   fEffectInfo.clear();
@@ -230,6 +234,7 @@ TQStatus GZLAlgorithm::BuildModel(IGZLRecordSource& source) {
   source.Rewind();
   fpDesignMatrix->SetRecordSource(&source);
 
+  ++fFitCount;
   fStatus = RunEstimation();
   RunInference();
   if (!fStatus.IsError() && !fBuildModelWarnings.empty()) return fBuildModelWarnings.back();
@@ -261,8 +266,18 @@ void GZLAlgorithm::RunInference() {
     fpInference = std::make_unique<GZLInference>(*fpSettings);
     const TQStatus inference = fpInference->Compute(*fpOptimizer, fpDesignMatrix.get());
     AddWarning(fBuildModelWarnings, inference);
-    // The Wald tests of model effects follow here when the inference object is OK, and the
-    // likelihood-ratio tests of effects after them.
+    // Tests of model effects, unless none are asked for or records were refused for the link
+    // (the hypotheses would not describe the data the estimates come from).
+    if (fpSettings->GetEffectAnalysisType() != TQConst::EffectNone && !fpOptimizer->IsInvalidForLink()) {
+      if (inference.IsOK()) AddWarning(fBuildModelWarnings, PrepareEffectTests());
+      std::vector<TQStatus> warnings;
+      const double df2 = fpInference->IsTBased() ? fpInference->GetDFForT() : TQMV::Missing;
+      AddWarning(fEffectAnalysisWarnings,
+                 fpInference->ComputeEffectTests(fpOptimizer->GetParamEstimates(), fpOptimizer->GetInitRedunInfo(),
+                                                 fpInference->GetCovarianceMatrix(), df2, warnings));
+      for (const TQStatus& w : warnings) AddWarning(fEffectAnalysisWarnings, w);
+      // The likelihood-ratio tests of effects follow here.
+    }
   }
   // The omnibus test refits the null model over further passes of the same design.
   if (fpSettings->GetModelFittingTest() && !fpOptimizer->IsInvalidForLink() && fpOptimizer->GetPhi() > 0.0) {
@@ -271,8 +286,50 @@ void GZLAlgorithm::RunInference() {
   }
 }
 
-TQStatus GZLAlgorithm::Score(const Record&, GZLScoreStats&, const int*) {
-  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+TQStatus GZLAlgorithm::PrepareEffectTests() {
+  TQSymMatrix sscp;
+  const TQStatus status = fpOptimizer->ComputeSSCP(sscp);
+  if (status.IsError()) return status;
+  return fpInference->SetEffectTestData(
+      std::make_unique<GZLModelEffectTestData>(*fpSettings, fEffectInfo, fpOptimizer->GetNumParams(), sscp));
+}
+
+GZLScoringFit GZLAlgorithm::ScoringFit() const {
+  GZLScoringFit fit;
+  const GZLOptimizerForGZLM& optimizer = *fpOptimizer;
+  fit.fModelType = fpSettings->GetGZLModelType();
+  fit.fFitCount = fFitCount;
+  // The rows of a scaled design hold scaled columns: their estimates and covariance go with
+  // them (the stored inverse of the optimizer is minus the covariance).
+  fit.fpEstimates = &optimizer.GetScaledParamEstimates();
+  if (optimizer.IsRTransformed()) {
+    fit.fpCovariance = &optimizer.GetScaledInverseHessian();
+    fit.fCovarianceSign = -1.0;
+  } else if (fpInference) {
+    fit.fpCovariance = fpInference->GetCovarianceMatrix();
+  }
+  // The model-based covariance is the inverse information at the final scale.
+  fit.fpInverseInformation = fit.fpCovariance;
+  fit.fInverseInformationSign = fit.fCovarianceSign;
+  fit.fPhi = optimizer.GetPhi();
+  fit.fK = optimizer.GetK();
+  fit.fNNonRedundant = optimizer.GetNumNonRedundant();
+  fit.fDF = fpInference ? fpInference->GetTQuantileDF() : TQMV::Missing;
+  fit.fPropensityCategory = fPropensityCategory;
+  return fit;
+}
+
+TQStatus GZLAlgorithm::Score(const Record& record, GZLScoreStats& scores, const int* mask) {
+  if (!IsModelBuilt()) return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  if (!fpScoringEngine) fpScoringEngine = std::make_unique<GZLScoringEngine>(*fpDesignMatrix, *fpSettings);
+  fpScoringEngine->SetFit(ScoringFit());
+  if (mask != nullptr) {
+    const TQStatus maskStatus = fpScoringEngine->SetScoreType(*mask);
+    if (!maskStatus.IsOK()) return maskStatus;
+  }
+  TQStatus status;
+  fpScoringEngine->ScoreRecord(status, record, scores);
+  return status;
 }
 
 TQStatus GZLAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const TQApplicInfo4XML*) {

@@ -31,7 +31,8 @@ class TableSource : public IGZLRecordSource {
       std::stringstream ss(line);
       std::string cell;
       std::vector<double> row;
-      while (std::getline(ss, cell, ',')) row.push_back(std::stod(cell));
+      // An empty field is a missing value (a trailing one shortens the record).
+      while (std::getline(ss, cell, ',')) row.push_back(cell.empty() ? TQMV::Missing : std::stod(cell));
       fRows.push_back(row);
     }
   }
@@ -91,11 +92,9 @@ struct ReferenceCase {
 
 // dataDir: the folder of the case's data (the reference folder's data/ by default); a
 // levels.json there gives the number of categories of a multinomial response.
-inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10,
+inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double tolerance = 1e-10,
                                                std::string dataDir = std::string()) {
   auto c = std::make_unique<ReferenceCase>();
-  std::ifstream in(jsonPath);
-  const nlohmann::json j = nlohmann::json::parse(in);
   c->name = j["name"];
   c->model = j["model"];
   c->expected = j["expected"];
@@ -204,6 +203,16 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, doub
   s.SetModelFittingTest(true);
   if (!s.IsValid()) fail("settings not valid");
   return c;
+}
+
+inline nlohmann::json ReadCase(const std::string& jsonPath) {
+  std::ifstream in(jsonPath);
+  return nlohmann::json::parse(in);
+}
+
+inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10,
+                                               std::string dataDir = std::string()) {
+  return LoadCase(ReadCase(jsonPath), tolerance, std::move(dataDir));
 }
 
 }  // namespace output_test
