@@ -3,12 +3,15 @@
 // its gradient and the information matrix over all valid records, extended by the row of
 // theta = log(phi) or log(k) when the scale or the negative binomial k is estimated by maximum
 // likelihood. The same pass gathers the fitted-probability extremes on which the separation
-// check of binary models rests.
+// check of binary and multinomial models rests.
 //
 // The factory owns the link, variance and log-likelihood function objects of the model and the
 // two accumulators. The per-record step is compiled once per common distribution/link pair
 // against the concrete function classes (no virtual dispatch, no allocation, no settings lookup
-// in the record loop); other pairs go through the abstract interfaces.
+// in the record loop); other pairs go through the abstract interfaces. Ordinal and nominal
+// multinomial models hand their rows to accumulators of their own (GZLOrdAccumStats, compiled
+// per cumulative link, and GZLNomAccumStats). Large passes share their rows with a second thread
+// through GZLSharedPass.
 #include <cfloat>
 #include <cmath>
 #include <memory>
@@ -93,8 +96,8 @@ class GZLStatFactory {
   void SetComputeConstant(bool on) noexcept { fbComputeConstant = on; }
   // Force the generic record step (the compiled steps must give the same sums).
   void SetUseGenericStep(bool on) noexcept { fbForceGeneric = on; }
-  // A pass of a compiled step over at least this many observations shares its records with a
-  // second thread when the machine has two cores or more; the host's source is still read by
+  // A pass of a compiled step or of a multinomial accumulator over at least this many
+  // observations shares its records with a second thread when the machine has two cores or more; the host's source is still read by
   // the calling thread alone. Which records each thread takes depends only on their order, so
   // the sums do not vary from run to run (they differ from those of one thread by rounding).
   // A negative value keeps every pass on the calling thread.
