@@ -505,9 +505,9 @@ bool GZLStatFactory::RunMultinomialRecords(const double* beta, double phi, bool 
   fpNomAccum->Clear(llOnly);
   if (fpNomAccumSecond) fpNomAccumSecond->Clear(llOnly);
   auto step = [beta](GZLNomAccumStats& accum, const auto& row) { accum.UpdateForRow(row, beta); };
-  // The information has a block per pair of logits: the calling thread, which also reads the
-  // source and builds the rows, keeps one batch in two.
-  return RunAccumulator(*fpNomAccum, fpNomAccumSecond, step, 2);
+  // The calling thread also reads the source and builds the rows: it keeps one batch in three,
+  // which balances that work against the blocks of the information (one per pair of logits).
+  return RunAccumulator(*fpNomAccum, fpNomAccumSecond, step, 3);
 }
 
 bool GZLStatFactory::UpdateForRow(const GZLDesignRow& row, const std::vector<double>& beta, bool llOnly) {
