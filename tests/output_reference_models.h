@@ -1,6 +1,9 @@
 #pragma once
 // Test helper: the reference models of tests/data/reference as engine settings, and their data
 // as an in-memory record source.
+#include <gtest/gtest.h>
+
+#include <cmath>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -11,10 +14,21 @@
 #include "GZLModelEffect.h"
 #include "GZLRecord.h"
 #include "GZLSettings.h"
+#include "support/TQMV.h"
+#include "support/TQRegrParameterStats.h"
 
 namespace output_test {
 
 inline std::string RefDir() { return std::string(GZL_TEST_DATA_DIR) + "/reference"; }
+
+// Agreement with a reference figure: to a relative `rel`, or to an absolute `nearZero` for
+// figures below 1e-3 in size.
+inline void ExpectRel(double expected, double actual, const std::string& what, double rel = 1e-6,
+                      double nearZero = 1e-9) {
+  ASSERT_FALSE(TQMV::IsMissing(actual)) << what;
+  const double tol = std::fabs(expected) < 1e-3 ? nearZero : rel * std::fabs(expected);
+  EXPECT_LE(std::fabs(actual - expected), tol) << what << ": engine " << actual << ", reference " << expected;
+}
 
 // A CSV table held in memory, served record by record.
 class TableSource : public IGZLRecordSource {
@@ -77,6 +91,16 @@ class TableSource : public IGZLRecordSource {
   Record fRecord;
 };
 
+// The redundancy of a parameter row against the reference entry; true, after the checks of an
+// aliased row (estimate 0, no standard error), when the reference marks it redundant.
+inline bool ExpectRedundancy(const TQRegrParameterStats& row, const nlohmann::json& reference) {
+  EXPECT_EQ(row.IsRedundant(), reference["redundant"].get<bool>());
+  if (!reference["redundant"].get<bool>()) return false;
+  EXPECT_EQ(row.GetEstimate(), 0.0);
+  EXPECT_TRUE(TQMV::IsMissing(row.GetStdError()));
+  return true;
+}
+
 // One reference case: the expected figures, the data and the engine settings built from the
 // model description.
 struct ReferenceCase {
@@ -90,17 +114,17 @@ struct ReferenceCase {
   std::string problem;
 };
 
-// dataDir: the folder of the case's data (the reference folder's data/ by default); a
+// dataDir: the folder of the case's data file (the reference data folder when empty); a
 // levels.json there gives the number of categories of a multinomial response.
 inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double tolerance = 1e-10,
-                                               std::string dataDir = std::string()) {
+                                               const std::string& dataDir = "") {
   auto c = std::make_unique<ReferenceCase>();
   c->name = j["name"];
   c->model = j["model"];
   c->expected = j["expected"];
-  if (dataDir.empty()) dataDir = RefDir() + "/data";
+  const std::string dataFolder = dataDir.empty() ? RefDir() + "/data" : dataDir;
   const std::string dataFile = j["data"].get<std::string>();
-  c->source = std::make_unique<TableSource>(dataDir + "/" + dataFile);
+  c->source = std::make_unique<TableSource>(dataFolder + "/" + dataFile);
   const auto& m = c->model;
   TableSource& src = *c->source;
   GZLSettings& s = c->settings;
@@ -151,7 +175,7 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double t
     if (s.IsMultinomial()) {
       // The declared categories: from levels.json when it names them, else the codes seen.
       int levels = src.Levels(col(m["response"]));
-      std::ifstream levelsIn(dataDir + "/levels.json");
+      std::ifstream levelsIn(dataFolder + "/levels.json");
       if (levelsIn) {
         const nlohmann::json l = nlohmann::json::parse(levelsIn);
         const std::string table = dataFile.substr(0, dataFile.find('.'));
@@ -211,8 +235,38 @@ inline nlohmann::json ReadCase(const std::string& jsonPath) {
 }
 
 inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10,
-                                               std::string dataDir = std::string()) {
-  return LoadCase(ReadCase(jsonPath), tolerance, std::move(dataDir));
+                                               const std::string& dataDir = "") {
+  return LoadCase(ReadCase(jsonPath), tolerance, dataDir);
+}
+
+// The GEE part of a reference model (keys of the GEE references) on top of the settings
+// LoadCase made: subjects, within-subject variables, working correlation, covariance, the GEE
+// iteration controls; no omnibus test.
+inline void ApplyGeeKeys(ReferenceCase& c) {
+  const nlohmann::json& m = c.model;
+  GZLSettings& s = c.settings;
+  auto& src = *c.source;
+  s.SetGZLModelType(GZLConst_940::GEE);
+  s.SetModelFittingTest(false);
+  for (const auto& v : m["subjects"]) ASSERT_TRUE(s.AddGEESubjectVar(src.Column(v), src.Levels(src.Column(v))));
+  for (const auto& v : m.value("within", nlohmann::json::array()))
+    ASSERT_TRUE(s.AddGEEWSVar(src.Column(v), src.Levels(src.Column(v))));
+  static const std::map<std::string, GZLConst_940::CorrType> corr{
+      {"independent", GZLConst_940::Independent}, {"exchangeable", GZLConst_940::Exchangeable},
+      {"ar1", GZLConst_940::AR1},                 {"mdep", GZLConst_940::MDependent},
+      {"unstructured", GZLConst_940::Unstructured}, {"fixed", GZLConst_940::FixedCorr}};
+  s.SetGEECorrType(corr.at(m["corr_type"]));
+  if (m.contains("corr_m")) s.SetGEEMDependentPar(m["corr_m"].get<double>());
+  if (m.contains("corr_matrix")) s.SetWorkCorrMatrix(m["corr_matrix"].get<std::vector<double>>());
+  const auto covb = m.value("covb", std::string("robust")) == "robust" ? TQConst::CovbRobust : TQConst::CovbModelBased;
+  s.SetCovbType(covb);
+  s.SetGEECovbType(covb);
+  s.SetAdjustCorr(m.value("adjust_corr", true));
+  ASSERT_TRUE(s.SetUpdateCorr(m.value("update_corr", 1)));
+  ASSERT_TRUE(s.SetGEEMaxIterations(m.value("gee_max_iter", 100)));
+  ASSERT_TRUE(s.SetGEEPConverge(m.value("gee_pconverge", 1e-10)));
+  s.SetGEEPConvergeType(TQConst::ConvAbsolute);
+  ASSERT_TRUE(s.IsValid());
 }
 
 }  // namespace output_test
