@@ -1,39 +1,37 @@
 #include "TQPMMLExporter.h"
 
+#include <iterator>
 #include <ostream>
 
 #include "TQStatXMLUtil.h"
 #include "TQVarList.h"
 
-const char* TQPMMLExporter::VersionString(TQPMMLVersion version) noexcept {
-  switch (version) {
-    case TQPMMLVersion::V3_2: return "3.2";
-    case TQPMMLVersion::V4_0: return "4.0";
-    case TQPMMLVersion::V4_1: return "4.1";
-    case TQPMMLVersion::V4_3: break;
-  }
-  return "4.3";
+namespace {
+
+struct VersionInfo {
+  const char* version;
+  const char* ns;
+  const char* schema;
+};
+
+// In the order of TQPMMLVersion.
+constexpr VersionInfo kVersions[] = {
+    {"3.2", "http://www.dmg.org/PMML-3_2", "pmml-3-2.xsd"},
+    {"4.0", "http://www.dmg.org/PMML-4_0", "pmml-4-0.xsd"},
+    {"4.1", "http://www.dmg.org/PMML-4_1", "pmml-4-1.xsd"},
+    {"4.3", "http://www.dmg.org/PMML-4_3", "pmml-4-3.xsd"},
+};
+
+const VersionInfo& Info(TQPMMLVersion version) noexcept {
+  const auto i = static_cast<std::size_t>(version);
+  return i < std::size(kVersions) ? kVersions[i] : kVersions[std::size(kVersions) - 1];
 }
 
-const char* TQPMMLExporter::Namespace(TQPMMLVersion version) noexcept {
-  switch (version) {
-    case TQPMMLVersion::V3_2: return "http://www.dmg.org/PMML-3_2";
-    case TQPMMLVersion::V4_0: return "http://www.dmg.org/PMML-4_0";
-    case TQPMMLVersion::V4_1: return "http://www.dmg.org/PMML-4_1";
-    case TQPMMLVersion::V4_3: break;
-  }
-  return "http://www.dmg.org/PMML-4_3";
-}
+}  // namespace
 
-const char* TQPMMLExporter::SchemaFile(TQPMMLVersion version) noexcept {
-  switch (version) {
-    case TQPMMLVersion::V3_2: return "pmml-3-2.xsd";
-    case TQPMMLVersion::V4_0: return "pmml-4-0.xsd";
-    case TQPMMLVersion::V4_1: return "pmml-4-1.xsd";
-    case TQPMMLVersion::V4_3: break;
-  }
-  return "pmml-4-3.xsd";
-}
+const char* TQPMMLExporter::VersionString(TQPMMLVersion version) noexcept { return Info(version).version; }
+const char* TQPMMLExporter::Namespace(TQPMMLVersion version) noexcept { return Info(version).ns; }
+const char* TQPMMLExporter::SchemaFile(TQPMMLVersion version) noexcept { return Info(version).schema; }
 
 pugi::xml_node TQPMMLExporter::CreateRoot(pugi::xml_document& document) const {
   document.reset();
