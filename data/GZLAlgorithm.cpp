@@ -291,14 +291,32 @@ void GZLAlgorithm::RunInference() {
     fpInference = std::make_unique<GZLInference>(*fpSettings);
     const TQStatus inference = fpInference->Compute(*fpOptimizer, fpDesignMatrix.get());
     AddWarning(fBuildModelWarnings, inference);
-    // The Wald tests of model effects follow here when the inference object is OK, and the
-    // likelihood-ratio tests of effects after them.
+    // Tests of model effects, unless none are asked for or records were refused for the link
+    // (the hypotheses would not describe the data the estimates come from).
+    if (fpSettings->GetEffectAnalysisType() != TQConst::EffectNone && !fpOptimizer->IsInvalidForLink()) {
+      if (inference.IsOK()) AddWarning(fBuildModelWarnings, PrepareEffectTests());
+      std::vector<TQStatus> warnings;
+      const double df2 = fpInference->IsTBased() ? fpInference->GetDFForT() : TQMV::Missing;
+      AddWarning(fEffectAnalysisWarnings,
+                 fpInference->ComputeEffectTests(fpOptimizer->GetParamEstimates(), fpOptimizer->GetInitRedunInfo(),
+                                                 fpInference->GetCovarianceMatrix(), df2, warnings));
+      for (const TQStatus& w : warnings) AddWarning(fEffectAnalysisWarnings, w);
+      // The likelihood-ratio tests of effects follow here.
+    }
   }
   // The omnibus test refits the null model over further passes of the same design.
   if (fpSettings->GetModelFittingTest() && !fpOptimizer->IsInvalidForLink() && fpOptimizer->GetPhi() > 0.0) {
     fpOmnibusTest = std::make_unique<GZLOmnibusTest>(*fpSettings, *fpDesignMatrix, *fpOptimizer);
     fpOmnibusTest->Run();
   }
+}
+
+TQStatus GZLAlgorithm::PrepareEffectTests() {
+  TQSymMatrix sscp;
+  const TQStatus status = fpOptimizer->ComputeSSCP(sscp);
+  if (status.IsError()) return status;
+  return fpInference->SetEffectTestData(
+      std::make_unique<GZLModelEffectTestData>(*fpSettings, fEffectInfo, fpOptimizer->GetNumParams(), sscp));
 }
 
 GZLScoringFit GZLAlgorithm::ScoringFit() const {

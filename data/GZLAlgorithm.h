@@ -110,6 +110,8 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // The inference steps after the fit: the inference object (covariance and parameter
   // statistics) and the omnibus test. Warnings go to the build-model list.
   void RunInference();
+  // The shared data of the Wald tests of effects: X'WX of the fit (one pass) and the layout.
+  TQStatus PrepareEffectTests();
   // Whether the last fit produced estimates.
   bool HasEstimates() const;
   // What the scoring engine takes from the last fit.

@@ -276,6 +276,32 @@ TQStatus GZLOptimizerForGZLM::Estimate() {
   return fStatus;
 }
 
+TQStatus GZLOptimizerForGZLM::ComputeSSCP(TQSymMatrix& sscp) {
+  if (!fbEstimated || !fpStatFactory) return TQStatus::Error(GZLStatusCode::InternalError);
+  GZLStatFactory& factory = *fpStatFactory;
+  // Every column takes part, the aliased ones too: the hypotheses need their relations to the
+  // others. The fit's own redundancy is put back afterwards.
+  const TQBitSet inModel = factory.GetRedundancy();
+  factory.SetRedundancy(TQBitSet(fNParams, true));
+  const double phi = fPhi > 0.0 ? fPhi : 1.0;
+  TQStatus st;
+  factory.ComputeLLGradHessian(st, GetScaledParamEstimates(), phi, true, false, true);
+  factory.SetRedundancy(inModel);
+  if (st.IsError()) return st;
+  // The pass gives the information X'WX / phi.
+  TQSymMatrix information = factory.GetHessian();
+  information.MultiplyByNumber(phi);
+  if (fbRTransformed) {
+    // Scaled columns are X A (A the back transform), so X'WX = B' (scaled X'WX) B.
+    const TQRectMatrix* forward = fpSource->GetForwardTransform();
+    if (forward == nullptr || !information.ComputeRTransSR(*forward, sscp))
+      return TQStatus::Error(GZLStatusCode::InternalError);
+  } else {
+    sscp = std::move(information);
+  }
+  return TQStatus();
+}
+
 bool GZLOptimizerForGZLM::MapBackFromScaledDesign() {
   const TQRectMatrix* back = fpSource->GetBackTransform();
   const TQRectMatrix* forward = fpSource->GetForwardTransform();

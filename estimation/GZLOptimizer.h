@@ -251,6 +251,13 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   // full log-likelihood. Warnings are recorded; the status of the step is returned.
   TQStatus PostEstimation(double fixedScale = TQMV::Missing);
 
+  // After a successful fit: one pass for the weighted cross-product X'WX of every design column
+  // (aliased ones included) at the final estimates, W the expected-information weight
+  // f s (dmu/deta)^2 / V(mu) without the scale; the matrix the hypotheses of the tests of
+  // effects are built on. With a scaled design it is mapped back to the design as specified.
+  // Errors: InternalError before estimates exist, and those of the pass.
+  TQStatus ComputeSSCP(TQSymMatrix& sscp);
+
   GZLStatFactory& GetStatFactory() noexcept { return *fpStatFactory; }
   const GZLStatFactory& GetStatFactory() const noexcept { return *fpStatFactory; }
   IGZLRowSource& GetSource() const noexcept { return *fpSource; }

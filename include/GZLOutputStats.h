@@ -13,6 +13,7 @@
 #include "GZLConst_940.h"
 #include "GZLFactorCounts.h"
 #include "GZLRegrParameter.h"
+#include "support/TQModelTests.h"
 #include "support/TQRegrParameterStats.h"
 #include "support/TQStatus.h"
 #include "support/TQSymMatrix.h"
@@ -86,6 +87,11 @@ class GZLOutputStats {
   double GetLagrangeSigLessZero() const;
   double GetLagrangeSigGreaterZero() const;
   double GetLagrangeSigNonDir() const;
+  // Wald tests of model effects, one entry per effect in test order (the intercept first when
+  // the model has one); empty when not computed. The corrected model test has one entry.
+  const TQModelTestStats& GetTypeITestStats() const;
+  const TQModelTestStats& GetTypeIIITestStats() const;
+  const TQModelTestStats& GetCorrectedModelTest() const;
 
   // ---- profile intervals ----
   TQStatus GetPLCIStatus() const;

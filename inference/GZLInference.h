@@ -9,6 +9,7 @@
 
 #include "GZLSettings.h"
 #include "inference/GZLGoodnessOfFit.h"
+#include "inference/GZLModelEffectTest.h"
 #include "support/TQBitSet.h"
 #include "support/TQMV.h"
 #include "support/TQRegrParameterStats.h"
@@ -78,6 +79,22 @@ class GZLInference {
   TQStatus GetPLCIStatus() const { return fPLCIStatus; }
   void SetPLCIStatus(TQStatus status) { fPLCIStatus = status; }
 
+  // ---- Wald tests of model effects ----
+  // Takes the shared data of the effect tests (layout and X'WX of the fit); returns its status.
+  TQStatus SetEffectTestData(std::unique_ptr<GZLModelEffectTestData> data);
+  const GZLModelEffectTestData* GetEffectTestData() const { return fpModelEffectTest.get(); }
+  // The Wald tests of model effects on these estimates and this covariance matrix (P x P; the
+  // driver's choice: model-based, robust): type I and type III as the settings' analysis type
+  // asks, and the corrected model test; df2 > 0 adds their F form. InternalError when there is
+  // no test data or no covariance matrix, or the tests were already computed; otherwise OK, and
+  // the statuses of the tests go to `warnings` in the order raised.
+  TQStatus ComputeEffectTests(const std::vector<double>& estimates, const TQBitSet& inModel,
+                              const TQSymMatrix* covariance, double df2, std::vector<TQStatus>& warnings);
+  // Null when not computed.
+  const TQModelTestStats* GetTypeITestStats() const { return fpTypeIModelTestStats.get(); }
+  const TQModelTestStats* GetTypeIIITestStats() const { return fpTypeIIIModelTestStats.get(); }
+  const TQModelTestStats* GetCorrectedModelTest() const { return fpCorrectedModelTest.get(); }
+
   void Display() const;
 
   // ---- building blocks (pure functions of their arguments) ----
@@ -107,7 +124,11 @@ class GZLInference {
   double fTQuantileDF = TQMV::Missing;
   std::unique_ptr<TQSymMatrix> fpCovariance;
   std::unique_ptr<TQSymMatrix> fpRobustCovariance;
-  // Wald tests of model effects are attached here by their own step of the fit.
+  // Wald tests of model effects: their shared data and results.
+  std::unique_ptr<GZLModelEffectTestData> fpModelEffectTest;
+  std::unique_ptr<TQModelTestStats> fpTypeIModelTestStats;
+  std::unique_ptr<TQModelTestStats> fpTypeIIIModelTestStats;
+  std::unique_ptr<TQModelTestStats> fpCorrectedModelTest;
 
   TQStatus fPLCIStatus = TQStatus::Error(130087);
   TQStatus fStatus;

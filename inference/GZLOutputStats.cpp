@@ -62,6 +62,10 @@ struct GZLOutputStats::Impl {
   double fOmnibusSig = TQMV::Missing;
   bool fbOmnibusFailedInitModel = false;
   TQStatus fPLCIStatus = TQStatus::Error(GZLStatusCode::NoValidPLCIStats);
+  // Wald tests of model effects (empty when not computed)
+  TQModelTestStats fTypeIModelTestStats;
+  TQModelTestStats fTypeIIIModelTestStats;
+  TQModelTestStats fCorrectedModelTest;
 
   // state
   bool fbPerfectFit = false;
@@ -129,6 +133,9 @@ GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& 
     m.fPseudoR2 = inf->GetPseudoR2();
     m.fStatComputeWarnings = inf->GetStatComputeWarnings();
     m.fPLCIStatus = inf->GetPLCIStatus();
+    if (const TQModelTestStats* t = inf->GetTypeITestStats()) m.fTypeIModelTestStats = *t;
+    if (const TQModelTestStats* t = inf->GetTypeIIITestStats()) m.fTypeIIIModelTestStats = *t;
+    if (const TQModelTestStats* t = inf->GetCorrectedModelTest()) m.fCorrectedModelTest = *t;
   }
 
   if (const GZLOmnibusTest* omnibus = algorithm.GetOmnibusTest()) {
@@ -192,6 +199,10 @@ double GZLOutputStats::GetLagrangeMultSig() const { return fpImpl->fLagrangeMult
 double GZLOutputStats::GetLagrangeSigLessZero() const { return fpImpl->fLagrangeSigLessZero; }
 double GZLOutputStats::GetLagrangeSigGreaterZero() const { return fpImpl->fLagrangeSigGreaterZero; }
 double GZLOutputStats::GetLagrangeSigNonDir() const { return fpImpl->fLagrangeSigNonDir; }
+
+const TQModelTestStats& GZLOutputStats::GetTypeITestStats() const { return fpImpl->fTypeIModelTestStats; }
+const TQModelTestStats& GZLOutputStats::GetTypeIIITestStats() const { return fpImpl->fTypeIIIModelTestStats; }
+const TQModelTestStats& GZLOutputStats::GetCorrectedModelTest() const { return fpImpl->fCorrectedModelTest; }
 
 TQStatus GZLOutputStats::GetPLCIStatus() const { return fpImpl->fPLCIStatus; }
 
@@ -268,6 +279,9 @@ void GZLOutputStats::Display() const {
   DisplayDF("fOmnibusDF", m.fOmnibusDF);
   DisplayDF("fOmnibusSig", m.fOmnibusSig);
   DisplayB("fbOmnibusFailedInitModel", m.fbOmnibusFailedInitModel);
+  m.fTypeIModelTestStats.Display("fpTypeIModelTestStats");
+  m.fTypeIIIModelTestStats.Display("fpTypeIIIModelTestStats");
+  m.fCorrectedModelTest.Display("fpCorrectedModelTest");
   DisplayDF("Negative binomial k", m.fNegBinK);
   DisplayB("Perfect fit indicator", m.fbPerfectFit);
   DisplayB("Singular Hessian indicator", IsSingularHessian());

@@ -91,10 +91,8 @@ struct ReferenceCase {
   std::string problem;
 };
 
-inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10) {
+inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double tolerance = 1e-10) {
   auto c = std::make_unique<ReferenceCase>();
-  std::ifstream in(jsonPath);
-  const nlohmann::json j = nlohmann::json::parse(in);
   c->name = j["name"];
   c->model = j["model"];
   c->expected = j["expected"];
@@ -185,6 +183,15 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, doub
   s.SetModelFittingTest(true);
   if (!s.IsValid()) fail("settings not valid");
   return c;
+}
+
+inline nlohmann::json ReadCase(const std::string& jsonPath) {
+  std::ifstream in(jsonPath);
+  return nlohmann::json::parse(in);
+}
+
+inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10) {
+  return LoadCase(ReadCase(jsonPath), tolerance);
 }
 
 }  // namespace output_test
