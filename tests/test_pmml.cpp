@@ -489,64 +489,42 @@ TEST(PMMLExport, ModelAttributesAndExplanation) {
 }
 
 TEST(PMMLExport, StatusesAndNothingWrittenOnError) {
-  // Not built yet.
-  auto f = Fit("ships_poisson_offset");
-  ASSERT_TRUE(f->algorithm && f->algorithm->IsModelBuilt());
-  {
-    std::unique_ptr<IGZLAlgorithm> fresh(GZLFactory::CreateAlgorithm(f->c->settings, false));
-    std::ostringstream out;
-    EXPECT_EQ(fresh->ExportPMML(f->variables, out, true, nullptr).GetErrorCode(), GZLStatusCode::ModelNotBuilt);
-    EXPECT_TRUE(out.str().empty());
-  }
-  // Variables missing from the list: a factor (datum 1 = 0), a covariate (1), the offset (2).
-  const int type = f->c->source->Column("type"), offset = f->c->source->Column("logservice");
-  auto without = [&](int field) {
-    GZLPMMLMetadata metadata;
-    for (const GZLPMMLVariable& v : f->metadata.GetVariableInfo())
-      if (v.GetIndex() != field) metadata.AddVariableInfo(v);
-    return TQVarList(metadata);
-  };
-  struct Expectation {
-    int field, code, kind;
-  };
-  for (const Expectation& e : {Expectation{type, GZLStatusCode::NoMetadataForVar, 0},
-                               Expectation{offset, GZLStatusCode::NoMetadataForVar, 2}}) {
-    std::ostringstream out;
-    const TQStatus status = f->algorithm->ExportPMML(without(e.field), out, false, nullptr);
-    EXPECT_EQ(status.GetErrorCode(), e.code);
-    EXPECT_EQ(status.GetDiscreteData(0), e.field);
-    EXPECT_EQ(status.GetDiscreteData(1), e.kind);
-    EXPECT_TRUE(out.str().empty());
-  }
-  {
-    auto q = Fit("trees_normal_quadratic");
-    ASSERT_TRUE(q->algorithm && q->algorithm->IsModelBuilt());
-    const int x = q->c->modelVars.front();
-    GZLPMMLMetadata metadata;
-    for (const GZLPMMLVariable& v : q->metadata.GetVariableInfo())
-      if (v.GetIndex() != x) metadata.AddVariableInfo(v);
-    std::ostringstream out;
-    const TQStatus status = q->algorithm->ExportPMML(TQVarList(metadata), out, false, nullptr);
-    EXPECT_EQ(status.GetErrorCode(), GZLStatusCode::NoMetadataForVar);
-    EXPECT_EQ(status.GetDiscreteData(1), 1);
-  }
-  // A categorical factor without categories, or with fewer than the parameters name.
-  for (const std::vector<std::string>& values : {std::vector<std::string>{}, std::vector<std::string>{"A", "B"}}) {
-    GZLPMMLMetadata metadata;
-    for (GZLPMMLVariable v : f->metadata.GetVariableInfo()) {
-      if (v.GetIndex() == type) v.SetValidValues(values, std::vector<std::string>(values.size()));
-      metadata.AddVariableInfo(v);
-    }
-    std::ostringstream out;
-    const TQStatus status = f->algorithm->ExportPMML(TQVarList(metadata), out, false, nullptr);
-    EXPECT_EQ(status.GetErrorCode(), GZLStatusCode::NoFactorCategs);
-    EXPECT_EQ(status.GetDiscreteData(0), type);
-    EXPECT_TRUE(out.str().empty());
-  }
-  // A covariance matrix of the wrong size: 130061, nothing written, and the error stays.
   HandModel m(TQConst::DistNormal, TQConst::LinkIdentity, {});
+  m.settings.SetOffset(3);
   m.AddBlock(-1, true, {1.0, 0.5, 0.0, 0.25});
-  m.inModel = TQBitSet(4, true);
+  {
+    // Not fitted yet.
+    std::unique_ptr<IGZLAlgorithm> algorithm(GZLFactory::CreateAlgorithm(m.settings, false));
+    ASSERT_TRUE(algorithm);
+    std::ostringstream out;
+    EXPECT_EQ(algorithm->ExportPMML(m.variables, out, true, nullptr).GetErrorCode(), GZLStatusCode::ModelNotBuilt);
+    EXPECT_TRUE(out.str().empty());
+  }
+  // A variable missing from the list (datum 1: 0 factor, 1 covariate, 2 offset), a factor
+  // without categories, or with fewer than the parameters name.
+  const TQVarList all = m.variables;
+  struct Case {
+    int field;
+    std::vector<std::string> factorValues;
+    int code, kind;
+  };
+  for (const Case& c : {Case{1, {"a", "b"}, GZLStatusCode::NoMetadataForVar, 0}, Case{2, {"a", "b"}, GZLStatusCode::NoMetadataForVar, 1},
+                        Case{3, {"a", "b"}, GZLStatusCode::NoMetadataForVar, 2}, Case{-1, {}, GZLStatusCode::NoFactorCategs, 0},
+                        Case{-1, {"a"}, GZLStatusCode::NoFactorCategs, 0}}) {
+    GZLPMMLMetadata metadata;
+    for (GZLPMMLVariable v : all.GetMetadata().GetVariableInfo()) {
+      if (v.GetIndex() == 1) v.SetValidValues(c.factorValues, std::vector<std::string>(c.factorValues.size()));
+      if (v.GetIndex() != c.field) metadata.AddVariableInfo(v);
+    }
+    m.variables = TQVarList(metadata);
+    TQStatus status;
+    EXPECT_TRUE(m.Export(nullptr, &status).empty());
+    EXPECT_EQ(status.GetErrorCode(), c.code);
+    EXPECT_EQ(status.GetDiscreteData(0), c.field < 0 ? 1 : c.field);
+    EXPECT_EQ(status.GetDiscreteData(1), c.code == GZLStatusCode::NoMetadataForVar ? c.kind : 0);
+  }
+  m.variables = all;
+  // A covariance matrix of the wrong size: 130061, nothing written, and the error stays.
   GZLPMMLExporter exporter(m.settings, m.variables, nullptr, m.parameters, m.estimates, m.inModel, TQMV::Missing);
   const TQSymMatrix wrong(3);
   std::ostringstream out;
