@@ -222,11 +222,15 @@ void GZLPMMLExporter::AddTargetRefCategory(pugi::xml_node model) const {
   model.append_attribute("targetReferenceCategory").set_value(ResponseCategory(ReferenceCategory()).c_str());
 }
 
+void GZLPMMLExporter::AddFieldName(pugi::xml_node model, const char* attribute, int field) const {
+  const GZLPMMLVariable* v = fVariables.GetVariable(field);
+  if (v != nullptr) model.append_attribute(attribute).set_value(v->GetName().c_str());
+}
+
 void GZLPMMLExporter::AddTrials(pugi::xml_node model) const {
   const TQConst::TQDependentType type = fSettings.GetDependentType();
   if (type == TQConst::DependentEventsTrials) {
-    const GZLPMMLVariable* v = fVariables.GetVariable(fSettings.GetTrials());
-    if (v != nullptr) model.append_attribute("trialsVariable").set_value(v->GetName().c_str());
+    AddFieldName(model, "trialsVariable", fSettings.GetTrials());
   } else if (type == TQConst::DependentEventsConstTrials) {
     const double trials = fSettings.GetTrialsValue();
     // The attribute takes integers only; a fractional constant is kept in an extension.
@@ -240,8 +244,7 @@ void GZLPMMLExporter::AddTrials(pugi::xml_node model) const {
 void GZLPMMLExporter::AddOffset(pugi::xml_node model) const {
   const TQConst::TQOffsetType type = fSettings.GetOffsetType();
   if (type == TQConst::OffsetVariable) {
-    const GZLPMMLVariable* v = fVariables.GetVariable(fSettings.GetOffset());
-    if (v != nullptr) model.append_attribute("offsetVariable").set_value(v->GetName().c_str());
+    AddFieldName(model, "offsetVariable", fSettings.GetOffset());
   } else if (type == TQConst::OffsetValue) {
     TQStatXMLUtil::SetDouble(model, "offsetValue", fSettings.GetOffsetValue());
   }

@@ -72,6 +72,8 @@ class GZLPMMLExporter {
   void AddModelType(pugi::xml_node model) const;
   void AddFunctionName(pugi::xml_node model) const;
   void AddTargetRefCategory(pugi::xml_node model) const;
+  // The attribute names the variable of a record field (nothing when the list lacks it).
+  void AddFieldName(pugi::xml_node model, const char* attribute, int field) const;
   void AddTrials(pugi::xml_node model) const;
   void AddOffset(pugi::xml_node model) const;
   void AddLink(pugi::xml_node model) const;
