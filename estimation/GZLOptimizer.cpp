@@ -98,6 +98,19 @@ void GZLOptimizer::AddWarning(const TQStatus& warning) {
   if (std::find(fWarnings.begin(), fWarnings.end(), warning) == fWarnings.end()) fWarnings.push_back(warning);
 }
 
+bool GZLOptimizer::StopsAfterIteration() {
+  if (fIterNum >= fMaxIter) {
+    AddWarning(TQStatus::Warning(GZLStatusCode::LoopIterLargeMaxIter));
+    fStopCriterion = GZLConst_940::MaxIterationsReached;
+    return true;
+  }
+  if (fbSingular) {
+    fStopCriterion = GZLConst_940::UnexpectedSingularity;
+    return true;
+  }
+  return false;
+}
+
 bool GZLOptimizer::IsCancelled() const { return fpCancel != nullptr && fpCancel->IsCancelled(); }
 
 void GZLOptimizer::Display() const {
@@ -711,15 +724,7 @@ void GZLOptimizerForGZLM::IterationLoop() {
       RunSeparationCheck(true);
       break;
     }
-    if (fIterNum >= fMaxIter) {
-      AddWarning(TQStatus::Warning(GZLStatusCode::LoopIterLargeMaxIter));
-      fStopCriterion = GZLConst_940::MaxIterationsReached;
-      break;
-    }
-    if (fbSingular) {
-      fStopCriterion = GZLConst_940::UnexpectedSingularity;
-      break;
-    }
+    if (StopsAfterIteration()) break;
     fPrevKernelLL = fKernelLL;
     fPrevParamEstimates = fParamEstimates;
     fPrevPhi = fPhi;

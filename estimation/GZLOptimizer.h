@@ -159,6 +159,10 @@ class GZLOptimizer {
  protected:
   // Appends a warning that is not listed yet.
   void AddWarning(const TQStatus& warning);
+  // After an iteration that did not converge: true when the iterations end here, because the
+  // iteration limit is reached (warning 130051, stopping criterion 7) or a parameter became
+  // redundant on the way (stopping criterion 4).
+  bool StopsAfterIteration();
   bool IsCancelled() const;
 
   const GZLSettings* fpSettings;

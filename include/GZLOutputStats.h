@@ -20,6 +20,7 @@
 
 class GZLSettings;
 class GZLAlgorithm;
+class GEEAlgorithm;
 class GZLDataStats;
 class GZLEventsCount;
 
@@ -27,6 +28,8 @@ class GZLOutputStats {
  public:
   // Copies the state of a fitted GZLM algorithm.
   GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& algorithm);
+  // Copies the state of a fitted GEE algorithm.
+  GZLOutputStats(const GZLSettings& settings, const GEEAlgorithm& algorithm);
   GZLOutputStats(const GZLOutputStats&) = delete;
   GZLOutputStats& operator=(const GZLOutputStats&) = delete;
   ~GZLOutputStats();
@@ -107,15 +110,27 @@ class GZLOutputStats {
   const std::vector<TQStatus>& GetEmmeansWarnings() const;
   const std::vector<TQStatus>& GetStatComputeWarnings() const;
 
-  // ---- GEE (missing for a GZLM fit) ----
+  // ---- GEE (missing, empty or 0 for a GZLM fit) ----
+  // The working correlation R (d x d).
   const TQSymMatrix& GetWorkCorrelationMatrix() const;
+  // QIC = 2 (T - Q), QICu = 2 (p - Q) and the quasi-likelihood Q under independence.
   double GetQICValue() const;
   double GetQICUValue() const;
   double GetQBetaIValue() const;
+  // The within-subject combinations in position order (the rows and columns of R).
+  const std::vector<std::vector<int>>& GetWSInfo() const;
+  // Category counts of the subject and of the within-subject variables.
+  const TQFactorCounts& GetSubjectCounts() const;
+  const TQFactorCounts& GetWSCounts() const;
   int GetNumberOfSubjects() const;
   int GetMinMeasurePerSubject() const;
   int GetMaxMeasurePerSubject() const;
+  // The dimension d of the working correlation.
   int GetMaxGroupSize() const;
+  // Both covariances of the estimates (GetCovarianceMatrix is the one chosen for inference);
+  // 0 x 0 for a GZLM fit.
+  const TQSymMatrix& GetRobustCovarianceMatrix() const;
+  const TQSymMatrix& GetModelBasedCovarianceMatrix() const;
 
  private:
   struct Impl;

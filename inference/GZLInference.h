@@ -18,6 +18,7 @@
 
 class GZLDesignMatrix;
 class GZLOptimizerForGZLM;
+class GEEOptimizer;
 
 class GZLInference {
  public:
@@ -39,6 +40,12 @@ class GZLInference {
   // estimates and redundancy). The status is stored.
   TQStatus Compute(const GZLOptimizerForGZLM& optimizer, const GZLDesignMatrix* design = nullptr);
 
+  // Everything of a finished GEE fit (after its robust pass): the model-based covariance H^-1,
+  // the robust sandwich H^-1 M H^-1, the one the settings choose (GetCovbType: 1 robust) as the
+  // covariance of inference, the parameter rows, and the quasi-likelihood criteria. Returns OK
+  // or warning 130050 (the sandwich cannot be formed). The status is stored.
+  TQStatus ComputeGEE(const GEEOptimizer& optimizer);
+
   // Number of observations of the degrees of freedom (fN) and sample size n of the information
   // criteria, by the counting rules of the response type.
   static void CountObservations(const GZLSettings& settings, const GZLOptimizerForGZLM& optimizer,
@@ -49,6 +56,14 @@ class GZLInference {
   // The covariance matrix of the regression parameters (P x P), or null when there is none.
   const TQSymMatrix* GetCovarianceMatrix() const { return fpCovariance.get(); }
   const TQSymMatrix* GetRobustCovarianceMatrix() const { return fpRobustCovariance.get(); }
+  // GEE fits: the model-based covariance (null for a GZLM fit) and the quasi-likelihood
+  // criteria (missing for a GZLM fit): Q under independence, the trace T of the independence
+  // model's information times the robust covariance, QIC = 2 (T - Q), QICu = 2 (p - Q).
+  const TQSymMatrix* GetModelBasedCovarianceMatrix() const { return fpModelCovariance.get(); }
+  double GetQuasiLikelihood() const { return fQuasiLikelihood; }
+  double GetQICTrace() const { return fQICTrace; }
+  double GetQIC() const { return fQIC; }
+  double GetQICu() const { return fQICu; }
   // One row per regression parameter, then the scale row, then (negative binomial) the k row.
   const std::vector<TQRegrParameterStats>& GetParamStats() const { return fParamStats; }
   const GZLGoodnessOfFit& GetGoodnessOfFit() const { return fGoodnessOfFit; }
@@ -124,6 +139,11 @@ class GZLInference {
   double fTQuantileDF = TQMV::Missing;
   std::unique_ptr<TQSymMatrix> fpCovariance;
   std::unique_ptr<TQSymMatrix> fpRobustCovariance;
+  std::unique_ptr<TQSymMatrix> fpModelCovariance;
+  double fQuasiLikelihood = TQMV::Missing;
+  double fQICTrace = TQMV::Missing;
+  double fQIC = TQMV::Missing;
+  double fQICu = TQMV::Missing;
   // Wald tests of model effects: their shared data and results.
   std::unique_ptr<GZLModelEffectTestData> fpModelEffectTest;
   std::unique_ptr<TQModelTestStats> fpTypeIModelTestStats;
