@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tools/CsvTable.h"
+#include "tools/FitControl.h"
 #include "tools/JsonWriter.h"
 #include "tools/ModelInfo.h"
 #include "tools/ModelSpec.h"
@@ -31,7 +32,11 @@ int RunFitCommand(const FitOptions& options, const FitHooks& hooks, std::ostream
   CsvTable table;
   CsvReadOptions readOptions;
   readOptions.separator = options.separator;
+  readOptions.cancel = hooks.cancel;
+  if (hooks.progress != nullptr) readOptions.progress = ReadProgressPrinter(hooks.progress, hooks.progressIsTerminal);
   if (!CsvTable::ReadFile(options.dataPath, FitColumnRequests(options), readOptions, table, error)) {
+    // Ctrl-C gives one message whether it comes while the file is read or while the model is fitted.
+    if (error == kCsvReadCancelled) return Fail(err, "the fit was cancelled");
     return Fail(err, options.dataPath + ": " + error);
   }
   if (table.NumRows() == 0) return Fail(err, options.dataPath + ": no data records");

@@ -56,6 +56,28 @@ void FitProgressPrinter::OnProgress(const ProgressReport& report) {
   }
 }
 
+void ReadProgressPrinter::operator()(const CsvReadProgress& p) const {
+  if (fpOut == nullptr) return;
+  const double megabytes = static_cast<double>(p.bytesRead) / 1e6;
+  const double perSecond = p.seconds > 0.0 ? static_cast<double>(p.records) / p.seconds / 1e6 : 0.0;
+  std::string line;
+  if (p.finished) {
+    line = "gzl: read " + Fixed(megabytes, 1) + " MB, " + std::to_string(p.records) + " records in " +
+           Fixed(p.seconds, 2) + " s";
+  } else {
+    line = "gzl: reading " + Fixed(megabytes, 1);
+    if (p.totalBytes > 0) line += " of " + Fixed(static_cast<double>(p.totalBytes) / 1e6, 1);
+    line += " MB, " + std::to_string(p.records) + " records";
+  }
+  line += " (" + Fixed(perSecond, 2) + " million records per second)";
+  if (!fbTerminal) {
+    *fpOut << line << '\n' << std::flush;
+    return;
+  }
+  if (line.size() < 72) line.append(72 - line.size(), ' ');
+  *fpOut << '\r' << line << (p.finished ? "\n" : "") << std::flush;
+}
+
 void FitProgressPrinter::Finish() {
   if (fpOut != nullptr && fbLineOpen) *fpOut << '\n' << std::flush;
   fbLineOpen = false;
