@@ -7,14 +7,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <charconv>
+#include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "support/TQMV.h"
 #include "tools/CsvTable.h"
+#include "tools/FitControl.h"
 #include "tools/RecordCache.h"
 
 namespace {
@@ -269,10 +274,31 @@ TEST(ToolCsv, NumberParsing) {
   EXPECT_TRUE(ParseCsvNumber("7.", v));
   EXPECT_EQ(v, 7.0);
   for (const char* bad : {"", "-", "+", "inf", "-inf", "nan", "NaN", "1,5", "0x10", "--1", "+-1", "1e400", "1.2.3",
-                          "e5", "12a"}) {
+                          "e5", "12a", ".", "-."}) {
     v = 42.0;
     EXPECT_FALSE(ParseCsvNumber(bad, v)) << bad;
     EXPECT_EQ(v, 42.0) << bad;
+  }
+  EXPECT_TRUE(ParseCsvNumber("-0", v));
+  EXPECT_TRUE(std::signbit(v));
+
+  // Plain decimals take a short cut that must give the correctly rounded value, bit for bit;
+  // lengths around the limits of the short cut (19 digits, 2^53, 22 decimals) included.
+  std::mt19937_64 rng(7);
+  for (int i = 0; i < 20000; ++i) {
+    std::string text = rng() % 2 ? "-" : "";
+    const int digits = 1 + static_cast<int>(rng() % 24);
+    const int point = static_cast<int>(rng() % (digits + 1));
+    for (int d = 0; d < digits; ++d) {
+      if (d == point && d > 0) text += '.';
+      text += static_cast<char>('0' + rng() % 10);
+    }
+    for (const std::string& cell : {text, std::string("9007199254740993"), std::string("0.1234567890123456789012")}) {
+      double expected = 0.0;
+      std::from_chars(cell.data(), cell.data() + cell.size(), expected);
+      ASSERT_TRUE(ParseCsvNumber(cell, v)) << cell;
+      ASSERT_EQ(std::memcmp(&v, &expected, sizeof v), 0) << cell;
+    }
   }
 }
 
@@ -478,4 +504,30 @@ TEST(ToolCsv, ProgressOfLongReads) {
   EXPECT_TRUE(reports.back().finished);
   EXPECT_EQ(reports.back().records, 5000u);
   EXPECT_EQ(reports.back().bytesRead, text.size());
+
+  // The lines: in a log one every few seconds and the closing one; at a terminal each report
+  // overwrites the last.
+  auto report = [](double seconds, bool finished) {
+    CsvReadProgress p;
+    p.bytesRead = 52400000;
+    p.totalBytes = 104800000;
+    p.records = 500000;
+    p.seconds = seconds;
+    p.finished = finished;
+    return p;
+  };
+  std::ostringstream log;
+  ReadProgressPrinter toLog(&log, false);
+  for (const double seconds : {1.0, 5.0, 6.0, 8.0}) toLog(report(seconds, false));
+  toLog(report(10.0, true));
+  EXPECT_EQ(log.str(),
+            "gzl: reading 52.4 of 104.8 MB, 500000 records (0.10 million records per second)\n"
+            "gzl: read 52.4 MB, 500000 records in 10.00 s (0.05 million records per second)\n");
+  std::ostringstream terminal;
+  ReadProgressPrinter toTerminal(&terminal, true);
+  toTerminal(report(0.5, false));
+  toTerminal(report(1.0, true));
+  EXPECT_EQ(terminal.str(),
+            "\rgzl: reading 52.4 of 104.8 MB, 500000 records (1.00 million records per second)"
+            "\rgzl: read 52.4 MB, 500000 records in 1.00 s (0.50 million records per second)  \n");
 }

@@ -695,6 +695,32 @@ bool ReadInput(ByteInput& in, const std::vector<CsvColumnRequest>& columns, cons
   return false;
 }
 
+// Plain decimals ([-]digits[.digits], at most 19 digits, a value below 2^53 once the point is
+// dropped and at most 22 decimals), the usual cells of a data file, converted without the
+// general parser: the digits and the power of ten are exact doubles, so one division gives the
+// correctly rounded value, the one the general parser gives. False for anything else.
+bool ParsePlainDecimal(std::string_view text, double& value) {
+  static constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                            1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  const bool negative = p < end && *p == '-';
+  if (negative) ++p;
+  std::uint64_t digits = 0;
+  int count = 0;
+  int decimals = 0;
+  for (; p < end && *p >= '0' && *p <= '9'; ++p, ++count) digits = digits * 10 + static_cast<unsigned>(*p - '0');
+  if (p < end && *p == '.') {
+    for (++p; p < end && *p >= '0' && *p <= '9'; ++p, ++count, ++decimals) {
+      digits = digits * 10 + static_cast<unsigned>(*p - '0');
+    }
+  }
+  if (p != end || count == 0 || count > 19 || decimals > 22 || digits > (std::uint64_t{1} << 53)) return false;
+  const double magnitude = static_cast<double>(digits) / kPowersOfTen[decimals];
+  value = negative ? -magnitude : magnitude;
+  return true;
+}
+
 }  // namespace
 
 bool ParseCsvNumber(std::string_view text, double& value) {
@@ -708,6 +734,7 @@ bool ParseCsvNumber(std::string_view text, double& value) {
   // from_chars would also accept "inf" and "nan"; a cell of the table must be a finite number.
   const char first = text.front() == '-' && text.size() > 1 ? text[1] : text.front();
   if (!(std::isdigit(static_cast<unsigned char>(first)) || first == '.')) return false;
+  if (ParsePlainDecimal(text, value)) return true;
   double parsed = 0.0;
   const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), parsed);
   if (ec != std::errc() || end != text.data() + text.size() || !std::isfinite(parsed)) return false;

@@ -56,8 +56,13 @@ void FitProgressPrinter::OnProgress(const ProgressReport& report) {
   }
 }
 
-void ReadProgressPrinter::operator()(const CsvReadProgress& p) const {
+void ReadProgressPrinter::operator()(const CsvReadProgress& p) {
+  constexpr double kSecondsBetweenLogLines = 5.0;
   if (fpOut == nullptr) return;
+  if (!fbTerminal && !p.finished) {
+    if (p.seconds < fLastLine + kSecondsBetweenLogLines) return;
+    fLastLine = p.seconds;
+  }
   const double megabytes = static_cast<double>(p.bytesRead) / 1e6;
   const double perSecond = p.seconds > 0.0 ? static_cast<double>(p.records) / p.seconds / 1e6 : 0.0;
   std::string line;
@@ -74,7 +79,10 @@ void ReadProgressPrinter::operator()(const CsvReadProgress& p) const {
     *fpOut << line << '\n' << std::flush;
     return;
   }
-  if (line.size() < 72) line.append(72 - line.size(), ' ');
+  // Pad to clear what a longer previous line left behind.
+  const std::size_t width = line.size();
+  if (line.size() < fLastWidth) line.append(fLastWidth - line.size(), ' ');
+  fLastWidth = width;
   *fpOut << '\r' << line << (p.finished ? "\n" : "") << std::flush;
 }
 

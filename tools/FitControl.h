@@ -38,15 +38,17 @@ class FitProgressPrinter : public ProgressListener {
 
 // Writes the progress of a long read of the data file as lines of text: bytes and records read
 // and the rate, then a closing line with the time taken. On a terminal the lines overwrite one
-// another until the closing one.
+// another until the closing one; elsewhere (a log) a line comes every few seconds.
 class ReadProgressPrinter {
  public:
   ReadProgressPrinter(std::ostream* out, bool terminal) noexcept : fpOut(out), fbTerminal(terminal) {}
-  void operator()(const CsvReadProgress& progress) const;
+  void operator()(const CsvReadProgress& progress);
 
  private:
   std::ostream* fpOut;
   bool fbTerminal;
+  double fLastLine = 0.0;      // seconds into the read of the last line written to a log
+  std::size_t fLastWidth = 0;  // length of the last line written to a terminal
 };
 
 // Answers the engine's cancellation query from a flag that a signal handler sets.
