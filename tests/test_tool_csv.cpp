@@ -439,7 +439,8 @@ TEST(ToolCsv, SourceRewindsTheCache) {
 }
 
 // Records ordered by subject and within-subject keys (then by their place in the file), read
-// through a sorted copy of the cache; data already in order are streamed as they stand.
+// through a sorted copy of the cache; data already in order are streamed as they stand. Keys
+// may exceed 64 bits.
 TEST(ToolCsv, SortedReading) {
   const std::string text = "s,w,y,x\nb,2,0,1\na,1,1,1\nb,1,2,1\nNA,1,3,1\na,2,4,1\nb,1,5,1\na,1,6,1\n";
   const std::vector<CsvColumnRequest> columns = {
@@ -448,12 +449,17 @@ TEST(ToolCsv, SortedReading) {
   std::string error;
   ASSERT_TRUE(ReadText(text, columns, table, error)) << error;
   std::shared_ptr<const RecordCache> sorted;
-  ASSERT_TRUE(RecordCache::SortedBy(table.Records(), {1, 2}, sorted, error)) << error;
-  EXPECT_NE(sorted, table.Records());
-  std::vector<double> order;
-  for (const auto& row : ReadAll(*sorted, nullptr, 2 * sorted->Layout().RecordBytes())) order.push_back(row[0]);
-  // a1 (records 1, 6), a2 (4), b1 (2, 5), b2 (0), then the missing subject (3).
-  EXPECT_EQ(order, (std::vector<double>{1, 6, 4, 2, 5, 0, 3}));
+  // Sorted in memory at once, and in runs of 1 to 3 records merged.
+  for (const std::size_t runRecords : {1000, 1, 2, 3}) {
+    ASSERT_TRUE(RecordCache::SortedBy(table.Records(), {1, 2}, sorted, error,
+                                      runRecords * table.Records()->Layout().RecordBytes()))
+        << error;
+    EXPECT_NE(sorted, table.Records());
+    std::vector<double> order;
+    for (const auto& row : ReadAll(*sorted, nullptr, 2 * sorted->Layout().RecordBytes())) order.push_back(row[0]);
+    // a1 (records 1, 6), a2 (4), b1 (2, 5), b2 (0), then the missing subject (3).
+    EXPECT_EQ(order, (std::vector<double>{1, 6, 4, 2, 5, 0, 3})) << runRecords;
+  }
 
   // Grouped by subject alone they are already in order.
   ASSERT_TRUE(ReadText("s,w,y,x\na,2,0,1\na,1,1,1\nb,1,2,1\n", columns, table, error)) << error;
@@ -463,7 +469,7 @@ TEST(ToolCsv, SortedReading) {
   EXPECT_FALSE(RecordCache::SortedBy(table.Records(), {1, 3}, sorted, error));
   EXPECT_EQ(error, "a sort key must be a categorical column");
 
-  // Keys beyond 64 bits: a factor of 3 categories before six of 2000 each.
+  // Keys beyond 64 bits (a factor of 3 categories before six of 2000 each), in runs of 97 records.
   std::string wide = "f,a,b,c,d,e,g\n";
   const int n = 2000;
   for (int i = 0; i < n; ++i) {
@@ -478,7 +484,7 @@ TEST(ToolCsv, SortedReading) {
   std::vector<CsvColumnRequest> wideColumns;
   for (const char* name : {"f", "a", "b", "c", "d", "e", "g"}) wideColumns.push_back({name, Kind::Factor});
   ASSERT_TRUE(ReadText(wide, wideColumns, table, error)) << error;
-  ASSERT_TRUE(RecordCache::SortedBy(table.Records(), {0, 1, 2, 3, 4, 5, 6}, sorted, error)) << error;
+  ASSERT_TRUE(RecordCache::SortedBy(table.Records(), {0, 1, 2, 3, 4, 5, 6}, sorted, error, 97 * 40)) << error;
   const Rows rows = ReadAll(*sorted);
   ASSERT_EQ(rows.size(), static_cast<std::size_t>(n));
   for (std::size_t i = 1; i < rows.size(); ++i) {

@@ -4,6 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
+#include <queue>
+#include <utility>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -115,7 +118,6 @@ class SortKey {
       range *= radix;
       fColumns.push_back({layout.Offset(static_cast<std::size_t>(column)), radix, column});
     }
-    fWide = range > Key128{~std::uint64_t{0}};
     fpCache = &cache;
     return true;
   }
@@ -131,8 +133,6 @@ class SortKey {
     return key;
   }
 
-  bool Wide() const noexcept { return fWide; }
-
  private:
   struct Column {
     std::size_t offset;
@@ -141,77 +141,148 @@ class SortKey {
   };
   std::vector<Column> fColumns;
   const RecordCache* fpCache = nullptr;
-  bool fWide = false;
 };
 
-// Index entries: 16 bytes while the key fits 64 bits, 24 beyond.
-struct NarrowEntry {
-  std::uint64_t key;
-  std::uint64_t record;
-  void Set(Key128 k, std::uint64_t r) noexcept {
-    key = static_cast<std::uint64_t>(k);
-    record = r;
+// Appends records to a cache through a buffer.
+class RecordWriter {
+ public:
+  RecordWriter(RecordCache& out, std::size_t capacity)
+      : fOut(out),
+        fRecordBytes(out.Layout().RecordBytes()),
+        fCapacity(capacity),
+        fBuffer(new unsigned char[capacity * fRecordBytes]) {}
+
+  bool Add(const unsigned char* record, std::string& error) {
+    if (fCount == fCapacity && !Flush(error)) return false;
+    std::memcpy(fBuffer.get() + fCount * fRecordBytes, record, fRecordBytes);
+    ++fCount;
+    return true;
   }
-  bool operator<(const NarrowEntry& o) const noexcept { return key != o.key ? key < o.key : record < o.record; }
+  bool Flush(std::string& error) {
+    if (fCount > 0 && !fOut.Append(fBuffer.get(), fCount * fRecordBytes, error)) return false;
+    fCount = 0;
+    return true;
+  }
+
+ private:
+  RecordCache& fOut;
+  std::size_t fRecordBytes;
+  std::size_t fCapacity;
+  std::unique_ptr<unsigned char[]> fBuffer;
+  std::size_t fCount = 0;
 };
 
-struct WideEntry {
-  std::uint64_t high;
-  std::uint64_t low;
-  std::uint64_t record;
-  void Set(Key128 k, std::uint64_t r) noexcept {
-    high = static_cast<std::uint64_t>(k >> 64);
-    low = static_cast<std::uint64_t>(k);
-    record = r;
-  }
-  bool operator<(const WideEntry& o) const noexcept {
-    if (high != o.high) return high < o.high;
-    return low != o.low ? low < o.low : record < o.record;
-  }
-};
+std::string ReadFailure() { return "cannot read the record cache: " + SystemError(errno); }
 
-// Sorts an index of the records and writes them in its order to a new cache; runs of records
-// that stand together in the source are read in one go.
-template <typename Entry>
-bool WriteSortedCopy(const RecordCache& cache, const SortKey& key, std::shared_ptr<RecordCache>& out,
-                     std::string& error) {
-  std::vector<Entry> index;
-  try {
-    index.resize(static_cast<std::size_t>(cache.NumRecords()));
-  } catch (const std::bad_alloc&) {
-    error = "not enough memory for the index that sorts the records";
-    return false;
-  }
-  CacheScanner scanner(cache);
-  std::uint64_t n = 0;
-  while (const unsigned char* stored = scanner.Next()) index[static_cast<std::size_t>(n)].Set(key.Of(stored), n), ++n;
-  if (scanner.failed) {
-    error = "cannot read the record cache: " + SystemError(errno);
-    return false;
-  }
-  std::sort(index.begin(), index.end());
-
-  out = RecordCache::Create(cache.Directory(), cache.Layout(), error);
-  if (!out) return false;
+// Sorts records [first, first + count) of a cache in memory, through an index of (key, place),
+// and appends them in that order.
+bool WriteSortedRun(const RecordCache& cache, const SortKey& key, std::uint64_t first, std::size_t count,
+                    unsigned char* buffer, RecordWriter& out, std::string& error) {
   const std::size_t recordBytes = cache.Layout().RecordBytes();
-  const std::size_t capacity = BufferRecords(cache, kCopyBufferBytes);
-  const std::unique_ptr<unsigned char[]> buffer(new unsigned char[capacity * recordBytes]);
-  std::size_t filled = 0;
-  for (std::size_t i = 0; i < index.size();) {
-    if (filled == capacity) {
-      if (!out->Append(buffer.get(), filled * recordBytes, error)) return false;
-      filled = 0;
-    }
-    std::size_t run = 1;
-    while (i + run < index.size() && filled + run < capacity && index[i + run].record == index[i].record + run) ++run;
-    if (!cache.ReadRecords(index[i].record, run, buffer.get() + filled * recordBytes)) {
-      error = "cannot read the record cache: " + SystemError(errno);
+  if (!cache.ReadRecords(first, count, buffer)) {
+    error = ReadFailure();
+    return false;
+  }
+  std::vector<std::pair<Key128, std::size_t>> index(count);
+  for (std::size_t i = 0; i < count; ++i) index[i] = {key.Of(buffer + i * recordBytes), i};
+  std::sort(index.begin(), index.end());
+  for (const auto& entry : index) {
+    if (!out.Add(buffer + entry.second * recordBytes, error)) return false;
+  }
+  return true;
+}
+
+// Reads one sorted run of a cache a buffer at a time.
+class RunReader {
+ public:
+  RunReader(const RecordCache& runs, std::uint64_t first, std::uint64_t end, std::size_t capacity)
+      : fRuns(runs),
+        fRecordBytes(runs.Layout().RecordBytes()),
+        fNext(first),
+        fEnd(end),
+        fCapacity(capacity),
+        fBuffer(new unsigned char[capacity * fRecordBytes]) {}
+
+  const unsigned char* Current() const noexcept { return fBuffer.get() + fPos * fRecordBytes; }
+  // Moves to the next record (the first one on the first call); false at the end of the run or
+  // on a read error (then failed is set).
+  bool Advance() {
+    if (++fPos < fCount) return true;
+    if (fNext == fEnd) return false;
+    fCount = static_cast<std::size_t>(std::min<std::uint64_t>(fCapacity, fEnd - fNext));
+    fPos = 0;
+    if (!fRuns.ReadRecords(fNext, fCount, fBuffer.get())) {
+      failed = true;
       return false;
     }
-    filled += run;
-    i += run;
+    fNext += fCount;
+    return true;
   }
-  return filled == 0 || out->Append(buffer.get(), filled * recordBytes, error);
+
+  bool failed = false;
+
+ private:
+  const RecordCache& fRuns;
+  std::size_t fRecordBytes;
+  std::uint64_t fNext;
+  std::uint64_t fEnd;
+  std::size_t fCapacity;
+  std::unique_ptr<unsigned char[]> fBuffer;
+  std::size_t fCount = 0;
+  std::size_t fPos = 0;
+};
+
+// The records in key order (then in their order in the cache) to a new cache: runs of about
+// runBytes sorted in memory and, when there are several, merged. Memory stays the same
+// whatever the number of records.
+bool WriteSortedCopy(const RecordCache& cache, const SortKey& key, std::size_t runBytes,
+                     std::shared_ptr<RecordCache>& out, std::string& error) {
+  out = RecordCache::Create(cache.Directory(), cache.Layout(), error);
+  if (!out) return false;
+  const std::size_t runRecords = BufferRecords(cache, runBytes);
+  const std::uint64_t n = cache.NumRecords();
+  RecordWriter writer(*out, BufferRecords(cache, kCopyBufferBytes));
+  if (n <= runRecords) {
+    const std::unique_ptr<unsigned char[]> buffer(new unsigned char[runRecords * cache.Layout().RecordBytes()]);
+    return WriteSortedRun(cache, key, 0, static_cast<std::size_t>(n), buffer.get(), writer, error) &&
+           writer.Flush(error);
+  }
+
+  std::shared_ptr<RecordCache> runs = RecordCache::Create(cache.Directory(), cache.Layout(), error);
+  if (!runs) return false;
+  {
+    const std::unique_ptr<unsigned char[]> buffer(new unsigned char[runRecords * cache.Layout().RecordBytes()]);
+    RecordWriter runWriter(*runs, BufferRecords(cache, kCopyBufferBytes));
+    for (std::uint64_t first = 0; first < n; first += runRecords) {
+      const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(runRecords, n - first));
+      if (!WriteSortedRun(cache, key, first, count, buffer.get(), runWriter, error)) return false;
+    }
+    if (!runWriter.Flush(error)) return false;
+  }
+  // Equal keys come from the earlier run first: runs hold consecutive stretches of the cache.
+  const std::size_t nRuns = static_cast<std::size_t>((n + runRecords - 1) / runRecords);
+  const std::size_t readerRecords = std::max<std::size_t>(64, runRecords / nRuns);
+  std::vector<RunReader> readers;
+  readers.reserve(nRuns);
+  using Head = std::pair<Key128, std::size_t>;  // key of a run's current record, run
+  std::priority_queue<Head, std::vector<Head>, std::greater<Head>> heads;
+  for (std::size_t r = 0; r < nRuns; ++r) {
+    readers.emplace_back(*runs, r * runRecords, std::min<std::uint64_t>(n, (r + 1) * runRecords), readerRecords);
+    if (readers[r].Advance()) heads.push({key.Of(readers[r].Current()), r});
+  }
+  while (!heads.empty()) {
+    const std::size_t r = heads.top().second;
+    heads.pop();
+    if (!writer.Add(readers[r].Current(), error)) return false;
+    if (readers[r].Advance()) heads.push({key.Of(readers[r].Current()), r});
+  }
+  for (const RunReader& reader : readers) {
+    if (reader.failed) {
+      error = ReadFailure();
+      return false;
+    }
+  }
+  return writer.Flush(error);
 }
 
 }  // namespace
@@ -319,7 +390,7 @@ std::uint64_t RecordCache::FileOffset(const unsigned char* stored) noexcept {
 }
 
 bool RecordCache::SortedBy(const std::shared_ptr<const RecordCache>& cache, const std::vector<int>& keyColumns,
-                           std::shared_ptr<const RecordCache>& sorted, std::string& error) {
+                           std::shared_ptr<const RecordCache>& sorted, std::string& error, std::size_t runBytes) {
   sorted.reset();
   SortKey key;
   if (!key.Setup(*cache, keyColumns, error)) return false;
@@ -338,7 +409,7 @@ bool RecordCache::SortedBy(const std::shared_ptr<const RecordCache>& cache, cons
       previous = k;
     }
     if (scanner.failed) {
-      error = "cannot read the record cache: " + SystemError(errno);
+      error = ReadFailure();
       return false;
     }
     if (inOrder) {
@@ -348,9 +419,7 @@ bool RecordCache::SortedBy(const std::shared_ptr<const RecordCache>& cache, cons
   }
 
   std::shared_ptr<RecordCache> copy;
-  const bool ok = key.Wide() ? WriteSortedCopy<WideEntry>(*cache, key, copy, error)
-                             : WriteSortedCopy<NarrowEntry>(*cache, key, copy, error);
-  if (!ok) return false;
+  if (!WriteSortedCopy(*cache, key, runBytes, copy, error)) return false;
   copy->fCodes = cache->fCodes;
   copy->fLevels = cache->fLevels;
   sorted = std::move(copy);

@@ -74,10 +74,12 @@ class RecordCache {
 
   // The records ordered by the final codes of the key columns (factor columns, each ascending,
   // missing values last) and then by their position: the same cache when the records already
-  // stand in that order, else a sorted copy in a temporary file of its own. The sort holds an
-  // index of 16 bytes a record (24 when the key combinations exceed 64 bits) while it runs.
+  // stand in that order, else a sorted copy in a temporary file of its own. Runs of 16 MB are
+  // sorted in memory through an index of (keys, place) and merged, so the sort's memory does
+  // not grow with the number of records (runBytes sets the size of the runs).
   static bool SortedBy(const std::shared_ptr<const RecordCache>& cache, const std::vector<int>& keyColumns,
-                       std::shared_ptr<const RecordCache>& sorted, std::string& error);
+                       std::shared_ptr<const RecordCache>& sorted, std::string& error,
+                       std::size_t runBytes = std::size_t{16} << 20);
 
  private:
   RecordCache(int fd, std::string directory, const CacheLayout& layout);
