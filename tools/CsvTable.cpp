@@ -125,7 +125,7 @@ class ChunkReader {
           offset += 3;
         }
       }
-      if (!fEnd && text.size() >= fBlockBytes && (cut = LastCut(text)) > 0) break;
+      if (!fEnd && fBomChecked && text.size() >= fBlockBytes && (cut = LastCut(text)) > 0) break;
     }
     if (fEnd) {
       final = true;
@@ -350,16 +350,14 @@ void ParseBlock(const ParseSetup& setup, Block& b) {
 class ParsePool {
  public:
   ParsePool(const ParseSetup& setup, unsigned threads) : fSetup(setup) {
-    for (unsigned i = 0; i < threads; ++i) fThreads.emplace_back([this] { Work(); });
-  }
-  ~ParsePool() {
-    {
-      std::lock_guard<std::mutex> lock(fMutex);
-      fStop = true;
+    try {
+      for (unsigned i = 0; i < threads; ++i) fThreads.emplace_back([this] { Work(); });
+    } catch (...) {
+      Stop();
+      throw;
     }
-    fWork.notify_all();
-    for (auto& t : fThreads) t.join();
   }
+  ~ParsePool() { Stop(); }
 
   void Submit(Block* block) {
     {
@@ -386,13 +384,23 @@ class ParsePool {
       lock.unlock();
       try {
         ParseBlock(fSetup, *block);
-      } catch (const std::bad_alloc&) {
+      } catch (...) {  // only allocations can fail here
         block->end = Block::End::OutOfMemory;
       }
       lock.lock();
       block->parsed = true;
       fDone.notify_all();
     }
+  }
+
+  // Blocks still queued are left alone; a block being tokenized is finished first.
+  void Stop() {
+    {
+      std::lock_guard<std::mutex> lock(fMutex);
+      fStop = true;
+    }
+    fWork.notify_all();
+    for (auto& t : fThreads) t.join();
   }
 
   const ParseSetup& fSetup;
