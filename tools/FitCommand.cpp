@@ -1,5 +1,6 @@
 #include "tools/FitCommand.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,11 @@ int RunFitCommand(const FitOptions& options, const FitHooks& hooks, std::ostream
   CsvReadOptions readOptions;
   readOptions.separator = options.separator;
   readOptions.cancel = hooks.cancel;
-  if (hooks.progress != nullptr) readOptions.progress = ReadProgressPrinter(hooks.progress, hooks.progressIsTerminal);
-  if (!CsvTable::ReadFile(options.dataPath, FitColumnRequests(options), readOptions, table, error)) {
+  ReadProgressPrinter readProgress(hooks.progress, hooks.progressIsTerminal);
+  if (hooks.progress != nullptr) readOptions.progress = std::ref(readProgress);
+  const bool read = CsvTable::ReadFile(options.dataPath, FitColumnRequests(options), readOptions, table, error);
+  readProgress.Finish();
+  if (!read) {
     // Ctrl-C gives one message whether it comes while the file is read or while the model is fitted.
     if (error == kCsvReadCancelled) return Fail(err, "the fit was cancelled");
     return Fail(err, options.dataPath + ": " + error);

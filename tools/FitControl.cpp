@@ -84,6 +84,12 @@ void ReadProgressPrinter::operator()(const CsvReadProgress& p) {
   if (line.size() < fLastWidth) line.append(fLastWidth - line.size(), ' ');
   fLastWidth = width;
   *fpOut << '\r' << line << (p.finished ? "\n" : "") << std::flush;
+  fbLineOpen = !p.finished;
+}
+
+void ReadProgressPrinter::Finish() {
+  if (fpOut != nullptr && fbLineOpen) *fpOut << '\n' << std::flush;
+  fbLineOpen = false;
 }
 
 void FitProgressPrinter::Finish() {

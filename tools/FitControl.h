@@ -43,10 +43,13 @@ class ReadProgressPrinter {
  public:
   ReadProgressPrinter(std::ostream* out, bool terminal) noexcept : fpOut(out), fbTerminal(terminal) {}
   void operator()(const CsvReadProgress& progress);
+  // Ends a line left open on the terminal by a read that stopped early.
+  void Finish();
 
  private:
   std::ostream* fpOut;
   bool fbTerminal;
+  bool fbLineOpen = false;
   double fLastLine = 0.0;      // seconds into the read of the last line written to a log
   std::size_t fLastWidth = 0;  // length of the last line written to a terminal
 };
