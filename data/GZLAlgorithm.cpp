@@ -10,6 +10,8 @@
 #include "GZLOutputStats.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLOmnibusTest.h"
+#include "inference/GZLScoringEngine.h"
+#include "GZLScoreStats.h"
 #include "support/TQDisplay_940.h"
 
 namespace {
@@ -29,6 +31,7 @@ GZLAlgorithm::~GZLAlgorithm() {
   fpDesignMatrix.reset();
   DiscardFit();
   fpOutputStats.reset();
+  fpScoringEngine.reset();
 }
 
 std::string GZLAlgorithm::GetComponentInfo() const {
@@ -101,6 +104,7 @@ TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {
 
   fbInitialized = false;
   fParameters.clear();
+  fpScoringEngine.reset();
   fpDesignMatrix.reset();
   DiscardFit();
   fEffectInfo.clear();
@@ -253,6 +257,7 @@ TQStatus GZLAlgorithm::BuildModel(IGZLRecordSource& source) {
   source.Rewind();
   fpDesignMatrix->SetRecordSource(&source);
 
+  ++fFitCount;
   fStatus = RunEstimation();
   RunInference();
   if (!fStatus.IsError() && !fBuildModelWarnings.empty()) return fBuildModelWarnings.back();
@@ -294,8 +299,42 @@ void GZLAlgorithm::RunInference() {
   }
 }
 
-TQStatus GZLAlgorithm::Score(const Record&, GZLScoreStats&, const int*) {
-  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+GZLScoringFit GZLAlgorithm::ScoringFit() const {
+  GZLScoringFit fit;
+  const GZLOptimizerForGZLM& optimizer = *fpOptimizer;
+  fit.fModelType = fpSettings->GetGZLModelType();
+  fit.fFitCount = fFitCount;
+  // The rows of a scaled design hold scaled columns: their estimates and covariance go with
+  // them (the stored inverse of the optimizer is minus the covariance).
+  fit.fpEstimates = &optimizer.GetScaledParamEstimates();
+  if (optimizer.IsRTransformed()) {
+    fit.fpCovariance = &optimizer.GetScaledInverseHessian();
+    fit.fCovarianceSign = -1.0;
+  } else if (fpInference) {
+    fit.fpCovariance = fpInference->GetCovarianceMatrix();
+  }
+  // The model-based covariance is the inverse information at the final scale.
+  fit.fpInverseInformation = fit.fpCovariance;
+  fit.fInverseInformationSign = fit.fCovarianceSign;
+  fit.fPhi = optimizer.GetPhi();
+  fit.fK = optimizer.GetK();
+  fit.fNNonRedundant = optimizer.GetNumNonRedundant();
+  fit.fDF = fpInference ? fpInference->GetTQuantileDF() : TQMV::Missing;
+  fit.fPropensityCategory = fPropensityCategory;
+  return fit;
+}
+
+TQStatus GZLAlgorithm::Score(const Record& record, GZLScoreStats& scores, const int* mask) {
+  if (!IsModelBuilt()) return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  if (!fpScoringEngine) fpScoringEngine = std::make_unique<GZLScoringEngine>(*fpDesignMatrix, *fpSettings);
+  fpScoringEngine->SetFit(ScoringFit());
+  if (mask != nullptr) {
+    const TQStatus maskStatus = fpScoringEngine->SetScoreType(*mask);
+    if (!maskStatus.IsOK()) return maskStatus;
+  }
+  TQStatus status;
+  fpScoringEngine->ScoreRecord(status, record, scores);
+  return status;
 }
 
 TQStatus GZLAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const TQApplicInfo4XML*) {

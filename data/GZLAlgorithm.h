@@ -20,6 +20,8 @@ class GZLDesignRowSource;
 class GZLOptimizerForGZLM;
 class GZLInference;
 class GZLOmnibusTest;
+class GZLScoringEngine;
+struct GZLScoringFit;
 
 class GZLAlgorithm : public IGZLAlgorithm {
  public:
@@ -109,6 +111,8 @@ class GZLAlgorithm : public IGZLAlgorithm {
   void RunInference();
   // Whether the last fit produced estimates.
   bool HasEstimates() const;
+  // What the scoring engine takes from the last fit.
+  GZLScoringFit ScoringFit() const;
 
   const GZLSettings* fpSettings;
   TQStatus fStatus;
@@ -120,6 +124,10 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // Created on the first GetOutputStats after a fit and kept for the life of the algorithm.
   std::unique_ptr<GZLOutputStats> fpOutputStats;
   std::unique_ptr<GZLOmnibusTest> fpOmnibusTest;
+  // Created on the first Score; it reads the design matrix and goes with it.
+  std::unique_ptr<GZLScoringEngine> fpScoringEngine;
+  // Counts the fits, so that the scoring engine knows a refit from the fit it last saw.
+  long fFitCount = 0;
   std::vector<TQStatus> fBuildModelWarnings;
   std::vector<TQStatus> fEffectAnalysisWarnings;
   std::vector<TQStatus> fEmmeansWarnings;

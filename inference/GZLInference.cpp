@@ -84,15 +84,16 @@ TQStatus GZLInference::Compute(const GZLOptimizerForGZLM& optimizer, const GZLDe
   const double q = 0.5 + fConfidenceLevel / 2.0;
   const double z = TQDistFun::IdfNorm(q, 0.0, 1.0);
   fbTBased = mixedHost;
+  double used = nInModel;
+  if (fSettings.GetDistType() == TQConst::DistNominalMultinomial) {
+    used = 0.0;
+    for (int j = 0; j < p && j < static_cast<int>(estimates.size()); ++j)
+      if (estimates[j] != 0.0) used += 1.0;
+  }
+  fTQuantileDF = TQMV::IsMissing(fNObservations) ? TQMV::Missing : fNObservations - used;
   fDFForT = TQMV::Missing;
   if (fbTBased) {
-    double used = nInModel;
-    if (fSettings.GetDistType() == TQConst::DistNominalMultinomial) {
-      used = 0.0;
-      for (int j = 0; j < p && j < static_cast<int>(estimates.size()); ++j)
-        if (estimates[j] != 0.0) used += 1.0;
-    }
-    fDFForT = TQMV::IsMissing(fNObservations) ? TQMV::Missing : fNObservations - used;
+    fDFForT = fTQuantileDF;
     fCriticalValue = TQMV::IsMissing(fDFForT) ? TQMV::Missing : TQDistFun::IdfT(q, fDFForT);
   } else {
     fCriticalValue = z;

@@ -56,6 +56,10 @@ class GZLInference {
   bool IsTBased() const { return fbTBased; }
   // Residual degrees of freedom of the t statistics (missing unless t-based).
   double GetDFForT() const { return fDFForT; }
+  // Observations less the parameters in the model (for a nominal response the non-zero
+  // estimates): the degrees of freedom of t quantiles, whether or not the fit's own statistics
+  // are t-based (the intervals of scored means use them).
+  double GetTQuantileDF() const { return fTQuantileDF; }
   double GetCriticalValue() const { return fCriticalValue; }
   double GetConfidenceLevel() const { return fConfidenceLevel; }
   bool HasIntercept() const { return fbIntercept; }
@@ -100,6 +104,7 @@ class GZLInference {
   std::vector<TQRegrParameterStats> fParamStats;
   TQBitSet fRedundancy;
   double fDFForT = TQMV::Missing;
+  double fTQuantileDF = TQMV::Missing;
   std::unique_ptr<TQSymMatrix> fpCovariance;
   std::unique_ptr<TQSymMatrix> fpRobustCovariance;
   // Wald tests of model effects are attached here by their own step of the fit.

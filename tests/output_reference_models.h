@@ -31,7 +31,8 @@ class TableSource : public IGZLRecordSource {
       std::stringstream ss(line);
       std::string cell;
       std::vector<double> row;
-      while (std::getline(ss, cell, ',')) row.push_back(std::stod(cell));
+      // An empty field is a missing value (a trailing one shortens the record).
+      while (std::getline(ss, cell, ',')) row.push_back(cell.empty() ? TQMV::Missing : std::stod(cell));
       fRows.push_back(row);
     }
   }

@@ -1,13 +1,16 @@
 // The estimation passes allocate nothing per record: a pass over many records makes exactly as
 // many allocations as a pass over a few (the accumulators and scratch rows are sized once).
+// Neither does scoring a record.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <new>
 #include <vector>
 
+#include "GZLFactory.h"
 #include "GZLMemorySource.h"
 #include "GZLModelEffect.h"
+#include "GZLScoreStats.h"
 #include "GZLSettings.h"
 #include "data/GZLDesignMatrix.h"
 #include "estimation/GZLDesignRowSource.h"
@@ -73,4 +76,37 @@ TEST(EstimationAllocations, NoAllocationPerRecord) {
                 PassAllocations(c.dist, c.link, c.scale, 2000, generic));
     }
   }
+}
+
+TEST(ScoringAllocations, NoAllocationPerRecord) {
+  GZLSettings s;
+  s.SetDistType(TQConst::DistPoisson);
+  s.SetLinkType(TQConst::LinkLog);
+  s.SetScaleType(GZLConst_940::ScaleFixed);
+  s.SetDependent(0);
+  s.SetInterceptUse(true);
+  s.AddFactor(2, 3);
+  s.AddCovariate(1);
+  static std::vector<int> vars{2, 1};
+  GZLModelEffect cov(1, 1, &vars), fac(1, 1, &vars);
+  cov.AddCovariate(1);
+  fac.AddNewFactor(2, false);
+  s.AddModelEffect(cov);
+  s.AddModelEffect(fac);
+  std::vector<std::vector<double>> rows;
+  for (int i = 0; i < 50; ++i) rows.push_back({1.0 + (i % 7), 0.1 * (i % 5), static_cast<double>(i % 3)});
+  GZLMemorySource src(rows);
+  std::unique_ptr<IGZLAlgorithm> a(GZLFactory::CreateAlgorithm(s, false));
+  ASSERT_TRUE(a);
+  ASSERT_FALSE(a->BuildModel(src).IsError());
+  GZLScoreStats scores;
+  const int mask = 0xFFFF;
+  Record first(rows[0].data(), rows[0].size());
+  ASSERT_TRUE(a->Score(first, scores, &mask).IsOK());  // creates and primes the engine
+  const long before = gAllocations;
+  for (const auto& r : rows) {
+    const Record record(r.data(), r.size());
+    EXPECT_TRUE(a->Score(record, scores, &mask).IsOK());
+  }
+  EXPECT_EQ(gAllocations - before, 0);
 }
