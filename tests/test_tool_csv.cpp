@@ -461,6 +461,11 @@ TEST(ToolCsv, SortedReading) {
     EXPECT_EQ(order, (std::vector<double>{1, 6, 4, 2, 5, 0, 3})) << runRecords;
   }
 
+  // One pointer for the records and their sorted copy.
+  std::shared_ptr<const RecordCache> records = table.Records();
+  ASSERT_TRUE(RecordCache::SortedBy(records, {2}, records, error)) << error;
+  EXPECT_EQ(ReadAll(*records).front()[0], 1.0);
+
   // Grouped by subject alone they are already in order.
   ASSERT_TRUE(ReadText("s,w,y,x\na,2,0,1\na,1,1,1\nb,1,2,1\n", columns, table, error)) << error;
   ASSERT_TRUE(RecordCache::SortedBy(table.Records(), {1}, sorted, error)) << error;

@@ -4,13 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
-#include <queue>
-#include <utility>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <new>
+#include <functional>
+#include <queue>
+#include <utility>
 
 #include "support/TQMV.h"
 
@@ -19,6 +18,7 @@ namespace {
 constexpr std::size_t kCopyBufferBytes = std::size_t{4} << 20;
 
 std::string SystemError(int code) { return std::strerror(code); }
+std::string ReadFailure() { return "cannot read the record cache: " + SystemError(errno); }
 
 // Records in a buffer of about the given size, never more than the cache holds.
 std::size_t BufferRecords(const RecordCache& cache, std::size_t bytes) {
@@ -171,8 +171,6 @@ class RecordWriter {
   std::unique_ptr<unsigned char[]> fBuffer;
   std::size_t fCount = 0;
 };
-
-std::string ReadFailure() { return "cannot read the record cache: " + SystemError(errno); }
 
 // Sorts records [first, first + count) of a cache in memory, through an index of (key, place),
 // and appends them in that order.
@@ -389,8 +387,10 @@ std::uint64_t RecordCache::FileOffset(const unsigned char* stored) noexcept {
   return offset;
 }
 
-bool RecordCache::SortedBy(const std::shared_ptr<const RecordCache>& cache, const std::vector<int>& keyColumns,
+bool RecordCache::SortedBy(const std::shared_ptr<const RecordCache>& records, const std::vector<int>& keyColumns,
                            std::shared_ptr<const RecordCache>& sorted, std::string& error, std::size_t runBytes) {
+  // A copy, so that the caller may pass one pointer for both records and sorted.
+  const std::shared_ptr<const RecordCache> cache = records;
   sorted.reset();
   SortKey key;
   if (!key.Setup(*cache, keyColumns, error)) return false;

@@ -76,8 +76,9 @@ class RecordCache {
   // missing values last) and then by their position: the same cache when the records already
   // stand in that order, else a sorted copy in a temporary file of its own. Runs of 16 MB are
   // sorted in memory through an index of (keys, place) and merged, so the sort's memory does
-  // not grow with the number of records (runBytes sets the size of the runs).
-  static bool SortedBy(const std::shared_ptr<const RecordCache>& cache, const std::vector<int>& keyColumns,
+  // not grow with the number of records (runBytes sets the size of the runs). records and
+  // sorted may be the same pointer.
+  static bool SortedBy(const std::shared_ptr<const RecordCache>& records, const std::vector<int>& keyColumns,
                        std::shared_ptr<const RecordCache>& sorted, std::string& error,
                        std::size_t runBytes = std::size_t{16} << 20);
 
