@@ -5,7 +5,8 @@
 // information); the design rows alone and the accumulation alone (over prebuilt rows), which
 // split a pass between the design matrix and the estimation; the estimation over prebuilt rows;
 // and the whole fit (dictionary pass, starting values, iterations and post-estimation) with its
-// number of passes. The estimation pass and the whole fit run on the calling thread alone
+// number of passes; and the Wald tests of the effects after a fit (one pass for X'WX, then the
+// hypotheses and statistics of both types). The estimation pass and the whole fit run on the calling thread alone
 // (argument 0) and with the second thread that large passes use by default (argument 1). Nothing in the fit keeps records: its memory does not grow with their
 // number.
 #include <benchmark/benchmark.h>
@@ -21,6 +22,7 @@
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLStatFactory.h"
+#include "inference/GZLInference.h"
 
 namespace {
 
@@ -156,6 +158,36 @@ void BM_WholeFit(benchmark::State& state) {
   state.counters["passes"] = passes;
 }
 
+// The Wald tests of the 12 effects after a fit: the pass for X'WX of every column, then the type I
+// and type III hypotheses and their statistics.
+void BM_WaldEffectTests(benchmark::State& state) {
+  Prepared& p = Ready();
+  GZLOptimizerForGZLM opt(*p.rows, *p.settings, false);
+  opt.Estimate();
+  opt.PostEstimation();
+  std::vector<GZLEffectInfo> info;
+  for (int i = 0; i < p.design->GetNumEffects(); ++i)
+    info.push_back({i, p.design->GetEffect(i).GetStart(), p.design->GetEffect(i).GetNColumns(), {}});
+  const int P = opt.GetNumParams();
+  TQSymMatrix covariance(P);
+  for (int i = 0; i < P; ++i)
+    for (int j = 0; j <= i; ++j) covariance(i, j) = -opt.GetInverseHessian()(i, j);
+  GZLSettings settings(*p.settings);
+  settings.SetEffectAnalysisType(TQConst::EffectTypeIAndIII);
+  double sum = 0.0;
+  for (auto _ : state) {
+    TQSymMatrix sscp;
+    opt.ComputeSSCP(sscp);
+    GZLInference inference(settings);
+    inference.SetEffectTestData(std::make_unique<GZLModelEffectTestData>(settings, info, P, sscp));
+    std::vector<TQStatus> warnings;
+    inference.ComputeEffectTests(opt.GetParamEstimates(), opt.GetInitRedunInfo(), &covariance, TQMV::Missing,
+                                 warnings);
+    sum += inference.GetTypeIIITestStats()->GetTest(1).fChiSquare;
+  }
+  benchmark::DoNotOptimize(sum);
+}
+
 // The whole estimation (starting values, iterations, post-estimation) over rows that cost
 // nothing to build: the estimation's own share of the whole fit.
 void BM_EstimationOnCachedRows(benchmark::State& state) {
@@ -180,6 +212,7 @@ BENCHMARK(BM_DesignRowsOnly)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_EstimationPass)->Unit(benchmark::kMillisecond)->Iterations(5)->Arg(0)->Arg(1);
 // Arguments: generic (virtual) record step, log-likelihood only.
 BENCHMARK(BM_AccumulationOnly)->Unit(benchmark::kMillisecond)->Iterations(5)->Args({0, 0})->Args({1, 0})->Args({0, 1});
+BENCHMARK(BM_WaldEffectTests)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_WholeFit)->Unit(benchmark::kMillisecond)->Iterations(3)->Arg(0)->Arg(1);
 
 BENCHMARK_MAIN();

@@ -123,15 +123,7 @@ TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {
   if (status.IsError()) return fStatus;
   fFactorCounts = fpDesignMatrix->GetFactorCounts();
 
-  for (int i = 0; i < fpDesignMatrix->GetNumEffects(); ++i) {
-    const GZLDesignMatrixEffect& effect = fpDesignMatrix->GetEffect(i);
-    GZLEffectInfo info;
-    info.fIndex = i;
-    info.fStart = effect.GetStart();
-    info.fNValues = effect.GetNColumns();
-    info.fCombinations = effect.GetCombinations();
-    fEffectInfo.push_back(std::move(info));
-  }
+  FillEffectInfo(*fpDesignMatrix, fEffectInfo);
 
   const TQStatus parameterStatus = BuildParameterList();
   if (parameterStatus.IsError()) return fStatus = parameterStatus;
@@ -175,6 +167,58 @@ TQStatus GZLAlgorithm::DetermineNominalCategories() {
   return status;
 }
 
+void GZLAlgorithm::FillEffectInfo(const GZLDesignMatrix& design, std::vector<GZLEffectInfo>& info) {
+  for (int i = 0; i < design.GetNumEffects(); ++i) {
+    const GZLDesignMatrixEffect& effect = design.GetEffect(i);
+    GZLEffectInfo entry;
+    entry.fIndex = i;
+    entry.fStart = effect.GetStart();
+    entry.fNValues = effect.GetNColumns();
+    entry.fCombinations = effect.GetCombinations();
+    info.push_back(std::move(entry));
+  }
+}
+
+void GZLAlgorithm::AppendThresholds(const TQFactorCounts& counts, std::vector<TQRegrParameter>& parameters,
+                                    std::vector<int>& categories) {
+  const std::vector<TQFactorCounts::Count>* depend = counts.GetDependCountsPtr();
+  const int k = depend != nullptr ? static_cast<int>(depend->size()) : 0;
+  const std::size_t first = parameters.size();
+  TQRegrParameter threshold;
+  for (int c = 0; c < k; ++c) {
+    if (!((*depend)[static_cast<std::size_t>(c)].first > 0.0)) continue;
+    threshold.SetTargetCategory(c);
+    parameters.push_back(threshold);
+    categories.push_back(c);
+  }
+  if (parameters.size() > first) parameters.pop_back();
+}
+
+void GZLAlgorithm::AppendEffectParameters(const GZLSettings& settings, const std::vector<GZLEffectInfo>& info,
+                                          int target, std::vector<TQRegrParameter>& parameters,
+                                          std::vector<TQRegrParameter>* copies) {
+  const std::vector<GZLModelEffect>& effects = settings.GetModelEffects();
+  for (std::size_t i = 0; i < effects.size() && i < info.size(); ++i) {
+    TQRegrParameter p;
+    p.SetTargetCategory(target);
+    // An effect without variables cannot be set up, but it still spans a design column: its
+    // parameter keeps the list aligned with the columns.
+    if (!p.SetupFromEffect(effects[i], static_cast<int>(i))) p.SetEffectIndex(static_cast<int>(i));
+    const GZLEffectInfo& columns = info[i];
+    if (columns.fNValues == 1 && p.GetNFactors() == 0) {
+      parameters.push_back(p);
+      if (copies != nullptr) copies->push_back(p);
+      continue;
+    }
+    for (int column = 0; column < columns.fNValues; ++column) {
+      // Combinations list the factors in nesting order, the order of the parameter's factors.
+      p.GetCategories() = columns.fCombinations[static_cast<std::size_t>(column)];
+      parameters.push_back(p);
+      if (copies != nullptr) copies->push_back(p);
+    }
+  }
+}
+
 TQStatus GZLAlgorithm::BuildParameterList() {
   TQStatus status;
   const TQConst::DistType dist = fpSettings->GetDistType();
@@ -183,18 +227,8 @@ TQStatus GZLAlgorithm::BuildParameterList() {
   parameter.SetTargetCategory(-1);
 
   if (dist == TQConst::DistOrdinalMultinomial) {
-    // One threshold per observed category, the last observed one dropped again: K observed
-    // categories, K-1 thresholds, whether or not an intercept was asked for.
-    const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
-    const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
-    for (int c = 0; c < k; ++c) {
-      if (!((*counts)[static_cast<std::size_t>(c)].first > 0.0)) continue;
-      parameter.SetTargetCategory(c);
-      fParameters.push_back(parameter);
-      fResponseCategories.push_back(c);
-    }
-    if (!fParameters.empty()) fParameters.pop_back();
-    parameter.SetTargetCategory(-1);
+    // K observed categories, K-1 thresholds, whether or not an intercept was asked for.
+    AppendThresholds(fFactorCounts, fParameters, fResponseCategories);
   } else if (nominal) {
     status = DetermineNominalCategories();
     if (status.IsError()) return status;
@@ -207,27 +241,8 @@ TQStatus GZLAlgorithm::BuildParameterList() {
     fParameters.push_back(parameter);
   }
 
-  const int targetOfEffects = nominal ? fResponseCategories.front() : -1;
-  const std::vector<GZLModelEffect>& effects = fpSettings->GetModelEffects();
-  for (std::size_t i = 0; i < effects.size() && i < fEffectInfo.size(); ++i) {
-    TQRegrParameter p;
-    p.SetTargetCategory(targetOfEffects);
-    // An effect without variables cannot be set up, but it still spans a design column: its
-    // parameter keeps the list aligned with the columns.
-    if (!p.SetupFromEffect(effects[i], static_cast<int>(i))) p.SetEffectIndex(static_cast<int>(i));
-    const GZLEffectInfo& info = fEffectInfo[i];
-    if (info.fNValues == 1 && p.GetNFactors() == 0) {
-      fParameters.push_back(p);
-      if (nominal) fNominalTemplate.push_back(p);
-      continue;
-    }
-    for (int column = 0; column < info.fNValues; ++column) {
-      // Combinations list the factors in nesting order, the order of the parameter's factors.
-      p.GetCategories() = info.fCombinations[static_cast<std::size_t>(column)];
-      fParameters.push_back(p);
-      if (nominal) fNominalTemplate.push_back(p);
-    }
-  }
+  AppendEffectParameters(*fpSettings, fEffectInfo, nominal ? fResponseCategories.front() : -1, fParameters,
+                         nominal ? &fNominalTemplate : nullptr);
 
   if (nominal) {
     fNominalTemplateSize = static_cast<int>(fNominalTemplate.size());
@@ -289,14 +304,32 @@ void GZLAlgorithm::RunInference() {
     fpInference = std::make_unique<GZLInference>(*fpSettings);
     const TQStatus inference = fpInference->Compute(*fpOptimizer, fpDesignMatrix.get());
     AddWarning(fBuildModelWarnings, inference);
-    // The Wald tests of model effects follow here when the inference object is OK, and the
-    // likelihood-ratio tests of effects after them.
+    // Tests of model effects, unless none are asked for or records were refused for the link
+    // (the hypotheses would not describe the data the estimates come from).
+    if (fpSettings->GetEffectAnalysisType() != TQConst::EffectNone && !fpOptimizer->IsInvalidForLink()) {
+      if (inference.IsOK()) AddWarning(fBuildModelWarnings, PrepareEffectTests());
+      std::vector<TQStatus> warnings;
+      const double df2 = fpInference->IsTBased() ? fpInference->GetDFForT() : TQMV::Missing;
+      AddWarning(fEffectAnalysisWarnings,
+                 fpInference->ComputeEffectTests(fpOptimizer->GetParamEstimates(), fpOptimizer->GetInitRedunInfo(),
+                                                 fpInference->GetCovarianceMatrix(), df2, warnings));
+      for (const TQStatus& w : warnings) AddWarning(fEffectAnalysisWarnings, w);
+      // The likelihood-ratio tests of effects follow here.
+    }
   }
   // The omnibus test refits the null model over further passes of the same design.
   if (fpSettings->GetModelFittingTest() && !fpOptimizer->IsInvalidForLink() && fpOptimizer->GetPhi() > 0.0) {
     fpOmnibusTest = std::make_unique<GZLOmnibusTest>(*fpSettings, *fpDesignMatrix, *fpOptimizer);
     fpOmnibusTest->Run();
   }
+}
+
+TQStatus GZLAlgorithm::PrepareEffectTests() {
+  TQSymMatrix sscp;
+  const TQStatus status = fpOptimizer->ComputeSSCP(sscp);
+  if (status.IsError()) return status;
+  return fpInference->SetEffectTestData(
+      std::make_unique<GZLModelEffectTestData>(*fpSettings, fEffectInfo, fpOptimizer->GetNumParams(), sscp));
 }
 
 GZLScoringFit GZLAlgorithm::ScoringFit() const {

@@ -92,6 +92,21 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // Appends a status to a warning list when it is a warning not already listed.
   static void AddWarning(std::vector<TQStatus>& list, const TQStatus& status);
 
+  // ---- parts of the parameter list shared with the GEE driver ----------------------------
+  // The effect information of a design matrix after its dictionary pass, one entry per effect.
+  static void FillEffectInfo(const GZLDesignMatrix& design, std::vector<GZLEffectInfo>& info);
+  // Ordinal response: one threshold per category with a positive weighted count, each appended
+  // with its category to `categories`, then the last one removed again (the highest observed
+  // category is the reference; it stays in `categories`).
+  static void AppendThresholds(const TQFactorCounts& counts, std::vector<TQRegrParameter>& parameters,
+                               std::vector<int>& categories);
+  // For every settings effect: one parameter per design column carrying the column's category
+  // combination, or one for an effect of a single column without factors; target category
+  // `target`. Each is also appended to `copies` when given.
+  static void AppendEffectParameters(const GZLSettings& settings, const std::vector<GZLEffectInfo>& info, int target,
+                                     std::vector<TQRegrParameter>& parameters,
+                                     std::vector<TQRegrParameter>* copies);
+
  private:
   // Parameter list from the effect information (steps 5 to 8 of the dictionary pass).
   TQStatus BuildParameterList();
@@ -109,6 +124,8 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // The inference steps after the fit: the inference object (covariance and parameter
   // statistics) and the omnibus test. Warnings go to the build-model list.
   void RunInference();
+  // The shared data of the Wald tests of effects: X'WX of the fit (one pass) and the layout.
+  TQStatus PrepareEffectTests();
   // Whether the last fit produced estimates.
   bool HasEstimates() const;
   // What the scoring engine takes from the last fit.

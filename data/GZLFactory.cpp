@@ -1,7 +1,10 @@
 #include "GZLFactory.h"
 
+#include <memory>
+
 #include "GZLSettings.h"
 #include "data/GZLAlgorithm.h"
+#include "gee/GEEAlgorithm.h"
 
 bool GZLFactory::NeedsInnerGZLM(const GZLSettings& settings, bool flag) {
   if (settings.GetMaxIterations() != 0) return true;
@@ -10,10 +13,12 @@ bool GZLFactory::NeedsInnerGZLM(const GZLSettings& settings, bool flag) {
          settings.GetEffectAnalysisType() != TQConst::EffectNone;
 }
 
-IGZLAlgorithm* GZLFactory::CreateAlgorithm(const GZLSettings& settings, bool) {
+IGZLAlgorithm* GZLFactory::CreateAlgorithm(const GZLSettings& settings, bool flag) {
   if (!settings.IsValid()) return nullptr;
   if (settings.GetGZLModelType() == GZLConst_940::GZLM || settings.GetGZLModelType() == GZLConst_940::GZLMMM)
     return new GZLAlgorithm(settings);
-  // GEE models are driven by the GEE algorithm, which is not part of this library build yet.
-  return nullptr;
+  // GEE: the inner GZLM for the initial values is made first, on the same settings.
+  std::unique_ptr<GZLAlgorithm> inner;
+  if (NeedsInnerGZLM(settings, flag)) inner = std::make_unique<GZLAlgorithm>(settings);
+  return new GEEAlgorithm(settings, std::move(inner));
 }

@@ -98,6 +98,19 @@ void GZLOptimizer::AddWarning(const TQStatus& warning) {
   if (std::find(fWarnings.begin(), fWarnings.end(), warning) == fWarnings.end()) fWarnings.push_back(warning);
 }
 
+bool GZLOptimizer::StopsAfterIteration() {
+  if (fIterNum >= fMaxIter) {
+    AddWarning(TQStatus::Warning(GZLStatusCode::LoopIterLargeMaxIter));
+    fStopCriterion = GZLConst_940::MaxIterationsReached;
+    return true;
+  }
+  if (fbSingular) {
+    fStopCriterion = GZLConst_940::UnexpectedSingularity;
+    return true;
+  }
+  return false;
+}
+
 bool GZLOptimizer::IsCancelled() const { return fpCancel != nullptr && fpCancel->IsCancelled(); }
 
 void GZLOptimizer::Display() const {
@@ -274,6 +287,32 @@ TQStatus GZLOptimizerForGZLM::Estimate() {
   const double usable = fpSource->GetNumObservations() - fNBadRecords;
   fMeanFitted = (fbEstimated && usable > 0.0) ? fpStatFactory->GetSumFittedMeans() / usable : TQMV::Missing;
   return fStatus;
+}
+
+TQStatus GZLOptimizerForGZLM::ComputeSSCP(TQSymMatrix& sscp) {
+  if (!fbEstimated || !fpStatFactory) return TQStatus::Error(GZLStatusCode::InternalError);
+  GZLStatFactory& factory = *fpStatFactory;
+  // Every column takes part, the aliased ones too: the hypotheses need their relations to the
+  // others. The fit's own redundancy is put back afterwards.
+  const TQBitSet inModel = factory.GetRedundancy();
+  factory.SetRedundancy(TQBitSet(fNParams, true));
+  const double phi = fPhi > 0.0 ? fPhi : 1.0;
+  TQStatus st;
+  factory.ComputeLLGradHessian(st, GetScaledParamEstimates(), phi, true, false, true);
+  factory.SetRedundancy(inModel);
+  if (st.IsError()) return st;
+  // The pass gives the information X'WX / phi.
+  TQSymMatrix information = factory.GetHessian();
+  information.MultiplyByNumber(phi);
+  if (fbRTransformed) {
+    // Scaled columns are X A (A the back transform), so X'WX = B' (scaled X'WX) B.
+    const TQRectMatrix* forward = fpSource->GetForwardTransform();
+    if (forward == nullptr || !information.ComputeRTransSR(*forward, sscp))
+      return TQStatus::Error(GZLStatusCode::InternalError);
+  } else {
+    sscp = std::move(information);
+  }
+  return TQStatus();
 }
 
 bool GZLOptimizerForGZLM::MapBackFromScaledDesign() {
@@ -685,15 +724,7 @@ void GZLOptimizerForGZLM::IterationLoop() {
       RunSeparationCheck(true);
       break;
     }
-    if (fIterNum >= fMaxIter) {
-      AddWarning(TQStatus::Warning(GZLStatusCode::LoopIterLargeMaxIter));
-      fStopCriterion = GZLConst_940::MaxIterationsReached;
-      break;
-    }
-    if (fbSingular) {
-      fStopCriterion = GZLConst_940::UnexpectedSingularity;
-      break;
-    }
+    if (StopsAfterIteration()) break;
     fPrevKernelLL = fKernelLL;
     fPrevParamEstimates = fParamEstimates;
     fPrevPhi = fPhi;

@@ -159,6 +159,10 @@ class GZLOptimizer {
  protected:
   // Appends a warning that is not listed yet.
   void AddWarning(const TQStatus& warning);
+  // After an iteration that did not converge: true when the iterations end here, because the
+  // iteration limit is reached (warning 130051, stopping criterion 7) or a parameter became
+  // redundant on the way (stopping criterion 4).
+  bool StopsAfterIteration();
   bool IsCancelled() const;
 
   const GZLSettings* fpSettings;
@@ -250,6 +254,13 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   // log-likelihood constant; the deviance or Pearson scale (or fixedScale when it is > 0); the
   // full log-likelihood. Warnings are recorded; the status of the step is returned.
   TQStatus PostEstimation(double fixedScale = TQMV::Missing);
+
+  // After a successful fit: one pass for the weighted cross-product X'WX of every design column
+  // (aliased ones included) at the final estimates, W the expected-information weight
+  // f s (dmu/deta)^2 / V(mu) without the scale; the matrix the hypotheses of the tests of
+  // effects are built on. With a scaled design it is mapped back to the design as specified.
+  // Errors: InternalError before estimates exist, and those of the pass.
+  TQStatus ComputeSSCP(TQSymMatrix& sscp);
 
   GZLStatFactory& GetStatFactory() noexcept { return *fpStatFactory; }
   const GZLStatFactory& GetStatFactory() const noexcept { return *fpStatFactory; }

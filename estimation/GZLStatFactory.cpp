@@ -8,6 +8,7 @@
 #include "GZLConst_940.h"
 #include "GZLProgress.h"
 #include "data/GZLDesignRow.h"
+#include "estimation/GZLLinearPredictor.h"
 #include "estimation/GZLPassWorker.h"
 #include "estimation/GZLRankOne.h"
 #include "estimation/GZLRowPipeline.h"
@@ -75,18 +76,9 @@ inline double Kernel(LL* ll, double y, double mu, double f, double s) {
 
 inline bool IsCancelled(TQQueryCancel* cancel) { return cancel != nullptr && cancel->IsCancelled(); }
 
-// eta = o + x'beta, with four partial sums so that the products do not wait on each other.
+// eta = o + x'beta.
 inline double LinearPredictor(const double* x, const double* beta, int n, double offset) noexcept {
-  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
-  int j = 0;
-  for (; j + 4 <= n; j += 4) {
-    s0 += x[j] * beta[j];
-    s1 += x[j + 1] * beta[j + 1];
-    s2 += x[j + 2] * beta[j + 2];
-    s3 += x[j + 3] * beta[j + 3];
-  }
-  for (; j < n; ++j) s0 += x[j] * beta[j];
-  return offset + ((s0 + s1) + (s2 + s3));
+  return GZLLinearPredictor(x, beta, static_cast<std::size_t>(n), offset);
 }
 
 }  // namespace

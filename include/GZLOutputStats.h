@@ -13,12 +13,14 @@
 #include "GZLConst_940.h"
 #include "GZLFactorCounts.h"
 #include "GZLRegrParameter.h"
+#include "support/TQModelTests.h"
 #include "support/TQRegrParameterStats.h"
 #include "support/TQStatus.h"
 #include "support/TQSymMatrix.h"
 
 class GZLSettings;
 class GZLAlgorithm;
+class GEEAlgorithm;
 class GZLDataStats;
 class GZLEventsCount;
 
@@ -26,6 +28,8 @@ class GZLOutputStats {
  public:
   // Copies the state of a fitted GZLM algorithm.
   GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& algorithm);
+  // Copies the state of a fitted GEE algorithm.
+  GZLOutputStats(const GZLSettings& settings, const GEEAlgorithm& algorithm);
   GZLOutputStats(const GZLOutputStats&) = delete;
   GZLOutputStats& operator=(const GZLOutputStats&) = delete;
   ~GZLOutputStats();
@@ -86,6 +90,11 @@ class GZLOutputStats {
   double GetLagrangeSigLessZero() const;
   double GetLagrangeSigGreaterZero() const;
   double GetLagrangeSigNonDir() const;
+  // Wald tests of model effects, one entry per effect in test order (the intercept first when
+  // the model has one); empty when not computed. The corrected model test has one entry.
+  const TQModelTestStats& GetTypeITestStats() const;
+  const TQModelTestStats& GetTypeIIITestStats() const;
+  const TQModelTestStats& GetCorrectedModelTest() const;
 
   // ---- profile intervals ----
   TQStatus GetPLCIStatus() const;
@@ -101,15 +110,27 @@ class GZLOutputStats {
   const std::vector<TQStatus>& GetEmmeansWarnings() const;
   const std::vector<TQStatus>& GetStatComputeWarnings() const;
 
-  // ---- GEE (missing for a GZLM fit) ----
+  // ---- GEE (missing, empty or 0 for a GZLM fit) ----
+  // The working correlation R (d x d).
   const TQSymMatrix& GetWorkCorrelationMatrix() const;
+  // QIC = 2 (T - Q), QICu = 2 (p - Q) and the quasi-likelihood Q under independence.
   double GetQICValue() const;
   double GetQICUValue() const;
   double GetQBetaIValue() const;
+  // The within-subject combinations in position order (the rows and columns of R).
+  const std::vector<std::vector<int>>& GetWSInfo() const;
+  // Category counts of the subject and of the within-subject variables.
+  const TQFactorCounts& GetSubjectCounts() const;
+  const TQFactorCounts& GetWSCounts() const;
   int GetNumberOfSubjects() const;
   int GetMinMeasurePerSubject() const;
   int GetMaxMeasurePerSubject() const;
+  // The dimension d of the working correlation.
   int GetMaxGroupSize() const;
+  // Both covariances of the estimates (GetCovarianceMatrix is the one chosen for inference);
+  // 0 x 0 for a GZLM fit.
+  const TQSymMatrix& GetRobustCovarianceMatrix() const;
+  const TQSymMatrix& GetModelBasedCovarianceMatrix() const;
 
  private:
   struct Impl;

@@ -220,6 +220,45 @@ TQRegrParameterStats GZLInference::ComputeAncillaryRow(double value, bool estima
   return row;
 }
 
+TQStatus GZLInference::SetEffectTestData(std::unique_ptr<GZLModelEffectTestData> data) {
+  fpModelEffectTest = std::move(data);
+  fpTypeIModelTestStats.reset();
+  fpTypeIIIModelTestStats.reset();
+  fpCorrectedModelTest.reset();
+  return fpModelEffectTest ? fpModelEffectTest->GetStatus() : TQStatus::Error(GZLStatusCode::InternalError);
+}
+
+TQStatus GZLInference::ComputeEffectTests(const std::vector<double>& estimates, const TQBitSet& inModel,
+                                          const TQSymMatrix* covariance, double df2,
+                                          std::vector<TQStatus>& warnings) {
+  if (!fpModelEffectTest || covariance == nullptr || fpModelEffectTest->GetModelTests() != nullptr)
+    return TQStatus::Error(GZLStatusCode::InternalError);
+  fpModelEffectTest->SetModelTests(std::make_unique<TQModelTests>(estimates, inModel, *covariance, df2));
+  auto keep = [&warnings](const TQStatus& status) {
+    if (!status.IsOK()) warnings.push_back(status);
+  };
+  auto run = [&](GZLDefaultModelEffectTest& test, std::unique_ptr<TQModelTestStats>& result) {
+    test.SetData(fpModelEffectTest.get());
+    TQStatus status;
+    test.ComputeTests(status);
+    if (status.IsError()) keep(status);
+    for (const TQStatus& w : test.GetWarnings()) keep(w);
+    result = std::make_unique<TQModelTestStats>(test.GetModelTestStats());
+  };
+  const TQConst::TQEffectAnalysisType type = fSettings.GetEffectAnalysisType();
+  if (type == TQConst::EffectTypeI || type == TQConst::EffectTypeIAndIII) {
+    GZLModelEffectTestTypeI typeI;
+    run(typeI, fpTypeIModelTestStats);
+  }
+  if (type == TQConst::EffectTypeIII || type == TQConst::EffectTypeIAndIII) {
+    GZLModelEffectTestTypeIII typeIII;
+    run(typeIII, fpTypeIIIModelTestStats);
+  }
+  fpCorrectedModelTest = std::make_unique<TQModelTestStats>();
+  keep(fpModelEffectTest->ComputeCorrectedModelTest(*fpCorrectedModelTest));
+  return TQStatus();
+}
+
 void GZLInference::Display() const {
   using namespace TQDisplay_940;
   DisplayText(1, "GZLInference display start");
@@ -241,6 +280,10 @@ void GZLInference::Display() const {
   else
     DisplayText(1, "Covariance matrix of the parameter estimates is not defined");
   if (fpRobustCovariance) fpRobustCovariance->Display("Robust covariance matrix of the parameter estimates");
+  if (fpModelEffectTest) fpModelEffectTest->Display();
+  if (fpTypeIModelTestStats) fpTypeIModelTestStats->Display("Type I tests of model effects");
+  if (fpTypeIIIModelTestStats) fpTypeIIIModelTestStats->Display("Type III tests of model effects");
+  if (fpCorrectedModelTest) fpCorrectedModelTest->Display("Corrected model test");
   DisplayI("Status of profile likelihood confidence intervals", fPLCIStatus.GetErrorCode());
   DisplayText(1, "GZLInference display end");
 }

@@ -9,6 +9,7 @@
 
 #include "GZLSettings.h"
 #include "inference/GZLGoodnessOfFit.h"
+#include "inference/GZLModelEffectTest.h"
 #include "support/TQBitSet.h"
 #include "support/TQMV.h"
 #include "support/TQRegrParameterStats.h"
@@ -17,6 +18,7 @@
 
 class GZLDesignMatrix;
 class GZLOptimizerForGZLM;
+class GEEOptimizer;
 
 class GZLInference {
  public:
@@ -38,6 +40,12 @@ class GZLInference {
   // estimates and redundancy). The status is stored.
   TQStatus Compute(const GZLOptimizerForGZLM& optimizer, const GZLDesignMatrix* design = nullptr);
 
+  // Everything of a finished GEE fit (after its robust pass): the model-based covariance H^-1,
+  // the robust sandwich H^-1 M H^-1, the one the settings choose (GetCovbType: 1 robust) as the
+  // covariance of inference, the parameter rows, and the quasi-likelihood criteria. Returns OK
+  // or warning 130050 (the sandwich cannot be formed). The status is stored.
+  TQStatus ComputeGEE(const GEEOptimizer& optimizer);
+
   // Number of observations of the degrees of freedom (fN) and sample size n of the information
   // criteria, by the counting rules of the response type.
   static void CountObservations(const GZLSettings& settings, const GZLOptimizerForGZLM& optimizer,
@@ -48,6 +56,14 @@ class GZLInference {
   // The covariance matrix of the regression parameters (P x P), or null when there is none.
   const TQSymMatrix* GetCovarianceMatrix() const { return fpCovariance.get(); }
   const TQSymMatrix* GetRobustCovarianceMatrix() const { return fpRobustCovariance.get(); }
+  // GEE fits: the model-based covariance (null for a GZLM fit) and the quasi-likelihood
+  // criteria (missing for a GZLM fit): Q under independence, the trace T of the independence
+  // model's information times the robust covariance, QIC = 2 (T - Q), QICu = 2 (p - Q).
+  const TQSymMatrix* GetModelBasedCovarianceMatrix() const { return fpModelCovariance.get(); }
+  double GetQuasiLikelihood() const { return fQuasiLikelihood; }
+  double GetQICTrace() const { return fQICTrace; }
+  double GetQIC() const { return fQIC; }
+  double GetQICu() const { return fQICu; }
   // One row per regression parameter, then the scale row, then (negative binomial) the k row.
   const std::vector<TQRegrParameterStats>& GetParamStats() const { return fParamStats; }
   const GZLGoodnessOfFit& GetGoodnessOfFit() const { return fGoodnessOfFit; }
@@ -78,6 +94,22 @@ class GZLInference {
   TQStatus GetPLCIStatus() const { return fPLCIStatus; }
   void SetPLCIStatus(TQStatus status) { fPLCIStatus = status; }
 
+  // ---- Wald tests of model effects ----
+  // Takes the shared data of the effect tests (layout and X'WX of the fit); returns its status.
+  TQStatus SetEffectTestData(std::unique_ptr<GZLModelEffectTestData> data);
+  const GZLModelEffectTestData* GetEffectTestData() const { return fpModelEffectTest.get(); }
+  // The Wald tests of model effects on these estimates and this covariance matrix (P x P; the
+  // driver's choice: model-based, robust): type I and type III as the settings' analysis type
+  // asks, and the corrected model test; df2 > 0 adds their F form. InternalError when there is
+  // no test data or no covariance matrix, or the tests were already computed; otherwise OK, and
+  // the statuses of the tests go to `warnings` in the order raised.
+  TQStatus ComputeEffectTests(const std::vector<double>& estimates, const TQBitSet& inModel,
+                              const TQSymMatrix* covariance, double df2, std::vector<TQStatus>& warnings);
+  // Null when not computed.
+  const TQModelTestStats* GetTypeITestStats() const { return fpTypeIModelTestStats.get(); }
+  const TQModelTestStats* GetTypeIIITestStats() const { return fpTypeIIIModelTestStats.get(); }
+  const TQModelTestStats* GetCorrectedModelTest() const { return fpCorrectedModelTest.get(); }
+
   void Display() const;
 
   // ---- building blocks (pure functions of their arguments) ----
@@ -107,7 +139,16 @@ class GZLInference {
   double fTQuantileDF = TQMV::Missing;
   std::unique_ptr<TQSymMatrix> fpCovariance;
   std::unique_ptr<TQSymMatrix> fpRobustCovariance;
-  // Wald tests of model effects are attached here by their own step of the fit.
+  std::unique_ptr<TQSymMatrix> fpModelCovariance;
+  double fQuasiLikelihood = TQMV::Missing;
+  double fQICTrace = TQMV::Missing;
+  double fQIC = TQMV::Missing;
+  double fQICu = TQMV::Missing;
+  // Wald tests of model effects: their shared data and results.
+  std::unique_ptr<GZLModelEffectTestData> fpModelEffectTest;
+  std::unique_ptr<TQModelTestStats> fpTypeIModelTestStats;
+  std::unique_ptr<TQModelTestStats> fpTypeIIIModelTestStats;
+  std::unique_ptr<TQModelTestStats> fpCorrectedModelTest;
 
   TQStatus fPLCIStatus = TQStatus::Error(130087);
   TQStatus fStatus;

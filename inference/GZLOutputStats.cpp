@@ -6,6 +6,9 @@
 #include "data/GZLAlgorithm.h"
 #include "data/GZLDesignMatrix.h"
 #include "estimation/GZLOptimizer.h"
+#include "gee/GEEAlgorithm.h"
+#include "gee/GEEDesignMatrix.h"
+#include "gee/GEEOptimizer.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLOmnibusTest.h"
 #include "support/TQDisplay_940.h"
@@ -14,6 +17,7 @@
 // Everything the host reads, copied from the algorithm and its fit objects at construction.
 struct GZLOutputStats::Impl {
   const GZLAlgorithm* fpAlgorithm = nullptr;
+  const GEEAlgorithm* fpGEEAlgorithm = nullptr;
 
   // estimates
   std::vector<double> fMeanValues;
@@ -62,6 +66,10 @@ struct GZLOutputStats::Impl {
   double fOmnibusSig = TQMV::Missing;
   bool fbOmnibusFailedInitModel = false;
   TQStatus fPLCIStatus = TQStatus::Error(GZLStatusCode::NoValidPLCIStats);
+  // Wald tests of model effects (empty when not computed)
+  TQModelTestStats fTypeIModelTestStats;
+  TQModelTestStats fTypeIIIModelTestStats;
+  TQModelTestStats fCorrectedModelTest;
 
   // state
   bool fbPerfectFit = false;
@@ -74,68 +82,136 @@ struct GZLOutputStats::Impl {
 
   // GEE
   TQSymMatrix fWorkCorrelation;
+  double fQIC = TQMV::Missing;
+  double fQICu = TQMV::Missing;
+  double fQBetaI = TQMV::Missing;
+  std::vector<std::vector<int>> fWSInfo;
+  TQFactorCounts fSubjectCounts;
+  TQFactorCounts fWSCounts;
+  int fNumberOfSubjects = 0;
+  int fMinMeasurePerSubject = 0;
+  int fMaxMeasurePerSubject = 0;
+  int fMaxGroupSize = 0;
+  TQSymMatrix fRobustCovariance;
+  TQSymMatrix fModelCovariance;
+
+  // What both kinds of algorithm hand over alike: the parameter list, counts and warnings, the
+  // counts of the design's dictionary pass, and the estimates, gradient, Hessian and redundancy
+  // of the optimizer.
+  void CopyAlgorithm(const IGZLAlgorithm& algorithm);
+  void CopyDesign(const GZLDesignMatrix& design);
+  void CopyOptimizer(const GZLSettings& settings, const GZLOptimizer& opt);
+  // The parameter statistics, covariance and fit figures of an inference object.
+  void CopyInference(const GZLInference& inf);
 };
+
+void GZLOutputStats::Impl::CopyAlgorithm(const IGZLAlgorithm& algorithm) {
+  fParameters = algorithm.GetRegrParameters();
+  fFactorCounts = algorithm.GetFactorCounts();
+  fDependCategories = algorithm.GetDependCategories();
+  fBuildModelWarnings = algorithm.GetBuildModelWarnings();
+  fEffectAnalysisWarnings = algorithm.GetEffectAnalysisWarnings();
+  fEmmeansWarnings = algorithm.GetEmmeansWarnings();
+}
+
+void GZLOutputStats::Impl::CopyDesign(const GZLDesignMatrix& design) {
+  fDataStats = design.GetDataStats();
+  fEventsCount = design.GetEventsCount();
+  fPopulationSize = design.GetSumFreqWeights();
+  fNumOfRecords = design.GetNumCompleteRecords();
+  for (const DataStat& s : fDataStats.GetCovariateStats()) fMeanValues.push_back(s.fMean);
+}
+
+void GZLOutputStats::Impl::CopyOptimizer(const GZLSettings& settings, const GZLOptimizer& opt) {
+  fParamEstimates = opt.GetParamEstimates();
+  fGradientVector = opt.GetGradient();
+  if (opt.GetHessian().GetNumRows() > 0) fpHessianMatrix = std::make_unique<TQSymMatrix>(opt.GetHessian());
+  const int p = opt.GetNumParams();
+  fRedundancy.assign(p, false);
+  for (int j = 0; j < p; ++j) fRedundancy[j] = !opt.GetInitRedunInfo().InSet(j);
+  if (settings.GetDistType() == TQConst::DistNegBinomial) fNegBinK = opt.GetK();
+}
+
+void GZLOutputStats::Impl::CopyInference(const GZLInference& inf) {
+  fParamStats = inf.GetParamStats();
+  if (const TQSymMatrix* cov = inf.GetCovarianceMatrix()) fCovariance = *cov;
+  const GZLGoodnessOfFit& gof = inf.GetGoodnessOfFit();
+  fNDegFreedom = inf.GetNDegFreedom();
+  fDeviance = gof.GetDeviance();
+  fScaleDeviance = gof.GetScaledDeviance();
+  fDevianceByDegFreedom = gof.GetDevianceByDF();
+  fPearsonChiSquare = gof.GetPearson();
+  fScalePearsonChiSquare = gof.GetScaledPearson();
+  fPearsonChiSquareByDegFreedom = gof.GetPearsonByDF();
+  fLogLikehood = inf.GetLogLikelihood();
+  fLogLikehoodScaleFixed = inf.GetLogLikelihoodScaleFixed();
+  fAIC = gof.GetAIC();
+  fAICC = gof.GetAICC();
+  fBIC = gof.GetBIC();
+  fCAIC = gof.GetCAIC();
+  fPseudoR2 = inf.GetPseudoR2();
+  fStatComputeWarnings = inf.GetStatComputeWarnings();
+  fPLCIStatus = inf.GetPLCIStatus();
+  if (const TQModelTestStats* t = inf.GetTypeITestStats()) fTypeIModelTestStats = *t;
+  if (const TQModelTestStats* t = inf.GetTypeIIITestStats()) fTypeIIIModelTestStats = *t;
+  if (const TQModelTestStats* t = inf.GetCorrectedModelTest()) fCorrectedModelTest = *t;
+}
 
 GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& algorithm)
     : fpImpl(std::make_unique<Impl>()) {
   Impl& m = *fpImpl;
   m.fpAlgorithm = &algorithm;
-  m.fParameters = algorithm.GetRegrParameters();
-  m.fFactorCounts = algorithm.GetFactorCounts();
-  m.fDependCategories = algorithm.GetDependCategories();
-  m.fBuildModelWarnings = algorithm.GetBuildModelWarnings();
-  m.fEffectAnalysisWarnings = algorithm.GetEffectAnalysisWarnings();
-  m.fEmmeansWarnings = algorithm.GetEmmeansWarnings();
-
-  if (const GZLDesignMatrix* design = algorithm.GetDesignMatrix()) {
-    m.fDataStats = design->GetDataStats();
-    m.fEventsCount = design->GetEventsCount();
-    m.fPopulationSize = design->GetSumFreqWeights();
-    m.fNumOfRecords = design->GetNumCompleteRecords();
-    for (const DataStat& s : m.fDataStats.GetCovariateStats()) m.fMeanValues.push_back(s.fMean);
-  }
+  m.CopyAlgorithm(algorithm);
+  if (const GZLDesignMatrix* design = algorithm.GetDesignMatrix()) m.CopyDesign(*design);
 
   if (const GZLOptimizer* opt = algorithm.GetOptimizer()) {
-    m.fParamEstimates = opt->GetParamEstimates();
-    m.fGradientVector = opt->GetGradient();
-    if (opt->GetHessian().GetNumRows() > 0) m.fpHessianMatrix = std::make_unique<TQSymMatrix>(opt->GetHessian());
-    const int p = opt->GetNumParams();
-    m.fRedundancy.assign(p, false);
-    for (int j = 0; j < p; ++j) m.fRedundancy[j] = !opt->GetInitRedunInfo().InSet(j);
-    if (settings.GetDistType() == TQConst::DistNegBinomial) m.fNegBinK = opt->GetK();
+    m.CopyOptimizer(settings, *opt);
     m.fLagrangeMultDist = opt->GetLagrangeMultChiSquare();
     m.fLagrangeMultDF = opt->GetLagrangeMultDF();
     m.fLagrangeMultSig = opt->GetLagrangeMultSig();
     m.fbPerfectFit = opt->IsPerfectFit();
   }
 
-  if (const GZLInference* inf = algorithm.GetInference()) {
-    m.fParamStats = inf->GetParamStats();
-    if (const TQSymMatrix* cov = inf->GetCovarianceMatrix()) m.fCovariance = *cov;
-    const GZLGoodnessOfFit& gof = inf->GetGoodnessOfFit();
-    m.fNDegFreedom = inf->GetNDegFreedom();
-    m.fDeviance = gof.GetDeviance();
-    m.fScaleDeviance = gof.GetScaledDeviance();
-    m.fDevianceByDegFreedom = gof.GetDevianceByDF();
-    m.fPearsonChiSquare = gof.GetPearson();
-    m.fScalePearsonChiSquare = gof.GetScaledPearson();
-    m.fPearsonChiSquareByDegFreedom = gof.GetPearsonByDF();
-    m.fLogLikehood = inf->GetLogLikelihood();
-    m.fLogLikehoodScaleFixed = inf->GetLogLikelihoodScaleFixed();
-    m.fAIC = gof.GetAIC();
-    m.fAICC = gof.GetAICC();
-    m.fBIC = gof.GetBIC();
-    m.fCAIC = gof.GetCAIC();
-    m.fPseudoR2 = inf->GetPseudoR2();
-    m.fStatComputeWarnings = inf->GetStatComputeWarnings();
-    m.fPLCIStatus = inf->GetPLCIStatus();
-  }
+  if (const GZLInference* inf = algorithm.GetInference()) m.CopyInference(*inf);
 
   if (const GZLOmnibusTest* omnibus = algorithm.GetOmnibusTest()) {
     m.fOmnibusDist = omnibus->GetDist();
     m.fOmnibusDF = omnibus->GetDF();
     m.fOmnibusSig = omnibus->GetSig();
     m.fbOmnibusFailedInitModel = omnibus->GetFailedInitModel();
+  }
+}
+
+GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GEEAlgorithm& algorithm)
+    : fpImpl(std::make_unique<Impl>()) {
+  Impl& m = *fpImpl;
+  m.fpGEEAlgorithm = &algorithm;
+  m.CopyAlgorithm(algorithm);
+  if (const std::vector<std::vector<int>>* ws = algorithm.GetWSCombinations()) m.fWSInfo = *ws;
+
+  if (const GEEDesignMatrix* design = algorithm.GetDesignMatrix()) {
+    m.CopyDesign(*design);
+    m.fSubjectCounts = design->GetSubjectCounts();
+    m.fWSCounts = design->GetWSCounts();
+    const IGEENumSubject& counter = design->GetSubjectCounter();
+    m.fNumberOfSubjects = counter.GetNumSubjects();
+    m.fMinMeasurePerSubject = counter.GetMinSubjectSize();
+    m.fMaxMeasurePerSubject = counter.GetMaxSubjectSize();
+  }
+
+  if (const GEEOptimizer* opt = algorithm.GetGEEOptimizer()) {
+    m.CopyOptimizer(settings, *opt);
+    m.fWorkCorrelation = opt->GetWorkCorrelation();
+    m.fMaxGroupSize = opt->GetCorrDimension();
+  }
+
+  if (const GZLInference* inf = algorithm.GetInference()) {
+    m.CopyInference(*inf);
+    m.fQIC = inf->GetQIC();
+    m.fQICu = inf->GetQICu();
+    m.fQBetaI = inf->GetQuasiLikelihood();
+    if (const TQSymMatrix* robust = inf->GetRobustCovarianceMatrix()) m.fRobustCovariance = *robust;
+    if (const TQSymMatrix* model = inf->GetModelBasedCovarianceMatrix()) m.fModelCovariance = *model;
   }
 }
 
@@ -152,6 +228,9 @@ const std::vector<bool>& GZLOutputStats::GetRedundancyIndicators() const { retur
 const std::vector<double>& GZLOutputStats::GetMeanValues() const { return fpImpl->fMeanValues; }
 double GZLOutputStats::GetNegBinK() const { return fpImpl->fNegBinK; }
 bool GZLOutputStats::GetRTransformedIndicator() const {
+  // A GEE fit: whether the working correlation had to be made positive definite.
+  if (const GEEAlgorithm* g = fpImpl->fpGEEAlgorithm)
+    return g->GetGEEOptimizer() != nullptr && g->GetGEEOptimizer()->IsRTransformed();
   const GZLAlgorithm* a = fpImpl->fpAlgorithm;
   if (a == nullptr || a->GetOptimizer() == nullptr || a->GetDesignMatrix() == nullptr) return false;
   return a->GetDesignMatrix()->IsScaledDesign();
@@ -193,18 +272,27 @@ double GZLOutputStats::GetLagrangeSigLessZero() const { return fpImpl->fLagrange
 double GZLOutputStats::GetLagrangeSigGreaterZero() const { return fpImpl->fLagrangeSigGreaterZero; }
 double GZLOutputStats::GetLagrangeSigNonDir() const { return fpImpl->fLagrangeSigNonDir; }
 
+const TQModelTestStats& GZLOutputStats::GetTypeITestStats() const { return fpImpl->fTypeIModelTestStats; }
+const TQModelTestStats& GZLOutputStats::GetTypeIIITestStats() const { return fpImpl->fTypeIIIModelTestStats; }
+const TQModelTestStats& GZLOutputStats::GetCorrectedModelTest() const { return fpImpl->fCorrectedModelTest; }
+
 TQStatus GZLOutputStats::GetPLCIStatus() const { return fpImpl->fPLCIStatus; }
 
 // ---- state: read from the algorithm's current optimizer ----
+namespace {
+// The optimizer of the GEE fit when there is one, else that of the GZLM fit.
+const GZLOptimizer* CurrentOptimizer(const GZLAlgorithm* a, const GEEAlgorithm* g) {
+  if (g != nullptr) return g->GetOptimizer();
+  return a != nullptr ? a->GetOptimizer() : nullptr;
+}
+}  // namespace
 GZLConst_940::StoppingCriteria GZLOutputStats::GetEstimStopCriterion() const {
-  const GZLAlgorithm* a = fpImpl->fpAlgorithm;
-  if (a == nullptr || a->GetOptimizer() == nullptr) return GZLConst_940::NoCriterionSatisfied;
-  return a->GetOptimizer()->GetStoppingCriterion();
+  const GZLOptimizer* o = CurrentOptimizer(fpImpl->fpAlgorithm, fpImpl->fpGEEAlgorithm);
+  return o != nullptr ? o->GetStoppingCriterion() : GZLConst_940::NoCriterionSatisfied;
 }
 bool GZLOutputStats::IsSingularHessian() const {
-  const GZLAlgorithm* a = fpImpl->fpAlgorithm;
-  if (a == nullptr || a->GetOptimizer() == nullptr) return false;
-  return a->GetOptimizer()->IsSingularHessian();
+  const GZLOptimizer* o = CurrentOptimizer(fpImpl->fpAlgorithm, fpImpl->fpGEEAlgorithm);
+  return o != nullptr && o->IsSingularHessian();
 }
 bool GZLOutputStats::IsPerfectFit() const { return fpImpl->fbPerfectFit; }
 
@@ -218,13 +306,18 @@ const std::vector<TQStatus>& GZLOutputStats::GetStatComputeWarnings() const { re
 
 // ---- GEE: a GZLM fit has none of these ----
 const TQSymMatrix& GZLOutputStats::GetWorkCorrelationMatrix() const { return fpImpl->fWorkCorrelation; }
-double GZLOutputStats::GetQICValue() const { return TQMV::Missing; }
-double GZLOutputStats::GetQICUValue() const { return TQMV::Missing; }
-double GZLOutputStats::GetQBetaIValue() const { return TQMV::Missing; }
-int GZLOutputStats::GetNumberOfSubjects() const { return 0; }
-int GZLOutputStats::GetMinMeasurePerSubject() const { return 0; }
-int GZLOutputStats::GetMaxMeasurePerSubject() const { return 0; }
-int GZLOutputStats::GetMaxGroupSize() const { return 0; }
+double GZLOutputStats::GetQICValue() const { return fpImpl->fQIC; }
+double GZLOutputStats::GetQICUValue() const { return fpImpl->fQICu; }
+double GZLOutputStats::GetQBetaIValue() const { return fpImpl->fQBetaI; }
+const std::vector<std::vector<int>>& GZLOutputStats::GetWSInfo() const { return fpImpl->fWSInfo; }
+const TQFactorCounts& GZLOutputStats::GetSubjectCounts() const { return fpImpl->fSubjectCounts; }
+const TQFactorCounts& GZLOutputStats::GetWSCounts() const { return fpImpl->fWSCounts; }
+int GZLOutputStats::GetNumberOfSubjects() const { return fpImpl->fNumberOfSubjects; }
+int GZLOutputStats::GetMinMeasurePerSubject() const { return fpImpl->fMinMeasurePerSubject; }
+int GZLOutputStats::GetMaxMeasurePerSubject() const { return fpImpl->fMaxMeasurePerSubject; }
+int GZLOutputStats::GetMaxGroupSize() const { return fpImpl->fMaxGroupSize; }
+const TQSymMatrix& GZLOutputStats::GetRobustCovarianceMatrix() const { return fpImpl->fRobustCovariance; }
+const TQSymMatrix& GZLOutputStats::GetModelBasedCovarianceMatrix() const { return fpImpl->fModelCovariance; }
 
 void GZLOutputStats::Display() const {
   using namespace TQDisplay_940;
@@ -268,6 +361,9 @@ void GZLOutputStats::Display() const {
   DisplayDF("fOmnibusDF", m.fOmnibusDF);
   DisplayDF("fOmnibusSig", m.fOmnibusSig);
   DisplayB("fbOmnibusFailedInitModel", m.fbOmnibusFailedInitModel);
+  m.fTypeIModelTestStats.Display("fpTypeIModelTestStats");
+  m.fTypeIIIModelTestStats.Display("fpTypeIIIModelTestStats");
+  m.fCorrectedModelTest.Display("fpCorrectedModelTest");
   DisplayDF("Negative binomial k", m.fNegBinK);
   DisplayB("Perfect fit indicator", m.fbPerfectFit);
   DisplayB("Singular Hessian indicator", IsSingularHessian());
@@ -276,5 +372,15 @@ void GZLOutputStats::Display() const {
   DisplayI("Number of effect analysis warnings", static_cast<int>(m.fEffectAnalysisWarnings.size()));
   DisplayI("Number of marginal means warnings", static_cast<int>(m.fEmmeansWarnings.size()));
   DisplayI("Number of statistics computation warnings", static_cast<int>(m.fStatComputeWarnings.size()));
+  if (m.fpGEEAlgorithm != nullptr) {
+    m.fWorkCorrelation.Display("Working correlation matrix");
+    DisplayDF("QIC", m.fQIC);
+    DisplayDF("QICu", m.fQICu);
+    DisplayDF("Quasi-likelihood under independence", m.fQBetaI);
+    DisplayI("Number of subjects", m.fNumberOfSubjects);
+    DisplayI("Minimum number of measurements per subject", m.fMinMeasurePerSubject);
+    DisplayI("Maximum number of measurements per subject", m.fMaxMeasurePerSubject);
+    DisplayI("Dimension of the working correlation matrix", m.fMaxGroupSize);
+  }
   DisplayText(1, "GZLOutputStats display end");
 }

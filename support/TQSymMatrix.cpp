@@ -400,13 +400,21 @@ int TQSymMatrix::CholIndNonRed(double tolerance, std::vector<int>& nonRedundant)
 
 int TQSymMatrix::CholInverse(const std::vector<double>& diagonal, double tolerance, TQSymMatrix& inverse,
                              TQBitSet& set) const {
+  std::vector<double> work;
+  return CholInverse(diagonal, tolerance, inverse, set, work);
+}
+
+int TQSymMatrix::CholInverse(const std::vector<double>& diagonal, double tolerance, TQSymMatrix& inverse,
+                             TQBitSet& set, std::vector<double>& work) const {
   if (static_cast<int>(diagonal.size()) < fN) return -1;
-  std::vector<double> l(fData);
-  CholeskyInPlace(l.data(), fN, diagonal, tolerance, set, true, false);
+  // The factor is made in `work`, so `inverse` may be this matrix.
+  work.assign(fData.begin(), fData.end());
+  double* l = work.data();
+  CholeskyInPlace(l, fN, diagonal, tolerance, set, true, false);
   // Invert the lower-triangular factor in place (zero rows stay zero): row i of L^-1 from
   // the rows above; ascending j keeps the original L_ij available until it is replaced.
   for (int i = 0; i < fN; ++i) {
-    double* ri = l.data() + RowStart(i);
+    double* ri = l + RowStart(i);
     if (ri[i] == 0.0) continue;
     const double lii = ri[i];
     for (int j = 0; j < i; ++j) {
@@ -417,17 +425,17 @@ int TQSymMatrix::CholInverse(const std::vector<double>& diagonal, double toleran
     ri[i] = 1.0 / lii;
   }
   // A^- = L^-T L^-1: element (i, j), i >= j, is the sum over k >= i of Linv_ki Linv_kj.
-  TQSymMatrix inv(fN);
+  inverse.Resize(fN);
+  inverse.Zero();
   for (int k = 0; k < fN; ++k) {
-    const double* rk = l.data() + RowStart(k);
+    const double* rk = l + RowStart(k);
     for (int i = 0; i <= k; ++i) {
       const double a = rk[i];
       if (a == 0.0) continue;
-      double* out = inv.fData.data() + RowStart(i);
+      double* out = inverse.fData.data() + RowStart(i);
       for (int j = 0; j <= i; ++j) out[j] += a * rk[j];
     }
   }
-  inverse = std::move(inv);
   return set.Count();
 }
 

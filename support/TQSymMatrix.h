@@ -158,6 +158,10 @@ class TQSymMatrix {
   // is resized to n. Returns the rank (number of set bits), -1 on bad arguments.
   int CholInverse(const std::vector<double>& diagonal, double tolerance, TQSymMatrix& inverse,
                   TQBitSet& set) const;
+  // The same with a work buffer of the caller: no allocation once `work`, `inverse` and `set`
+  // have held a matrix of this size (per-subject inversions of the GEE passes).
+  int CholInverse(const std::vector<double>& diagonal, double tolerance, TQSymMatrix& inverse, TQBitSet& set,
+                  std::vector<double>& work) const;
 
   // --- constrained systems ---
   // this = [H L'; L 0], (n+m) x (n+m) with H n x n and L m x n. False when L.GetNumCols() != n.

@@ -1,6 +1,9 @@
 #pragma once
 // Test helper: the reference models of tests/data/reference as engine settings, and their data
 // as an in-memory record source.
+#include <gtest/gtest.h>
+
+#include <cmath>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -11,10 +14,21 @@
 #include "GZLModelEffect.h"
 #include "GZLRecord.h"
 #include "GZLSettings.h"
+#include "support/TQMV.h"
+#include "support/TQRegrParameterStats.h"
 
 namespace output_test {
 
 inline std::string RefDir() { return std::string(GZL_TEST_DATA_DIR) + "/reference"; }
+
+// Agreement with a reference figure: to a relative `rel`, or to an absolute `nearZero` for
+// figures below 1e-3 in size.
+inline void ExpectRel(double expected, double actual, const std::string& what, double rel = 1e-6,
+                      double nearZero = 1e-9) {
+  ASSERT_FALSE(TQMV::IsMissing(actual)) << what;
+  const double tol = std::fabs(expected) < 1e-3 ? nearZero : rel * std::fabs(expected);
+  EXPECT_LE(std::fabs(actual - expected), tol) << what << ": engine " << actual << ", reference " << expected;
+}
 
 // A CSV table held in memory, served record by record.
 class TableSource : public IGZLRecordSource {
@@ -77,6 +91,16 @@ class TableSource : public IGZLRecordSource {
   Record fRecord;
 };
 
+// The redundancy of a parameter row against the reference entry; true, after the checks of an
+// aliased row (estimate 0, no standard error), when the reference marks it redundant.
+inline bool ExpectRedundancy(const TQRegrParameterStats& row, const nlohmann::json& reference) {
+  EXPECT_EQ(row.IsRedundant(), reference["redundant"].get<bool>());
+  if (!reference["redundant"].get<bool>()) return false;
+  EXPECT_EQ(row.GetEstimate(), 0.0);
+  EXPECT_TRUE(TQMV::IsMissing(row.GetStdError()));
+  return true;
+}
+
 // One reference case: the expected figures, the data and the engine settings built from the
 // model description.
 struct ReferenceCase {
@@ -90,14 +114,15 @@ struct ReferenceCase {
   std::string problem;
 };
 
-inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10) {
+// dataDir: the folder of the case's data file (the reference data folder when empty).
+inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double tolerance = 1e-10,
+                                               const std::string& dataDir = "") {
   auto c = std::make_unique<ReferenceCase>();
-  std::ifstream in(jsonPath);
-  const nlohmann::json j = nlohmann::json::parse(in);
   c->name = j["name"];
   c->model = j["model"];
   c->expected = j["expected"];
-  c->source = std::make_unique<TableSource>(RefDir() + "/data/" + j["data"].get<std::string>());
+  c->source = std::make_unique<TableSource>((dataDir.empty() ? RefDir() + "/data" : dataDir) + "/" +
+                                            j["data"].get<std::string>());
   const auto& m = c->model;
   TableSource& src = *c->source;
   GZLSettings& s = c->settings;
@@ -184,6 +209,46 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, doub
   s.SetModelFittingTest(true);
   if (!s.IsValid()) fail("settings not valid");
   return c;
+}
+
+inline nlohmann::json ReadCase(const std::string& jsonPath) {
+  std::ifstream in(jsonPath);
+  return nlohmann::json::parse(in);
+}
+
+inline std::unique_ptr<ReferenceCase> LoadCase(const std::string& jsonPath, double tolerance = 1e-10,
+                                               const std::string& dataDir = "") {
+  return LoadCase(ReadCase(jsonPath), tolerance, dataDir);
+}
+
+// The GEE part of a reference model (keys of the GEE references) on top of the settings
+// LoadCase made: subjects, within-subject variables, working correlation, covariance, the GEE
+// iteration controls; no omnibus test.
+inline void ApplyGeeKeys(ReferenceCase& c) {
+  const nlohmann::json& m = c.model;
+  GZLSettings& s = c.settings;
+  auto& src = *c.source;
+  s.SetGZLModelType(GZLConst_940::GEE);
+  s.SetModelFittingTest(false);
+  for (const auto& v : m["subjects"]) ASSERT_TRUE(s.AddGEESubjectVar(src.Column(v), src.Levels(src.Column(v))));
+  for (const auto& v : m.value("within", nlohmann::json::array()))
+    ASSERT_TRUE(s.AddGEEWSVar(src.Column(v), src.Levels(src.Column(v))));
+  static const std::map<std::string, GZLConst_940::CorrType> corr{
+      {"independent", GZLConst_940::Independent}, {"exchangeable", GZLConst_940::Exchangeable},
+      {"ar1", GZLConst_940::AR1},                 {"mdep", GZLConst_940::MDependent},
+      {"unstructured", GZLConst_940::Unstructured}, {"fixed", GZLConst_940::FixedCorr}};
+  s.SetGEECorrType(corr.at(m["corr_type"]));
+  if (m.contains("corr_m")) s.SetGEEMDependentPar(m["corr_m"].get<double>());
+  if (m.contains("corr_matrix")) s.SetWorkCorrMatrix(m["corr_matrix"].get<std::vector<double>>());
+  const auto covb = m.value("covb", std::string("robust")) == "robust" ? TQConst::CovbRobust : TQConst::CovbModelBased;
+  s.SetCovbType(covb);
+  s.SetGEECovbType(covb);
+  s.SetAdjustCorr(m.value("adjust_corr", true));
+  ASSERT_TRUE(s.SetUpdateCorr(m.value("update_corr", 1)));
+  ASSERT_TRUE(s.SetGEEMaxIterations(m.value("gee_max_iter", 100)));
+  ASSERT_TRUE(s.SetGEEPConverge(m.value("gee_pconverge", 1e-10)));
+  s.SetGEEPConvergeType(TQConst::ConvAbsolute);
+  ASSERT_TRUE(s.IsValid());
 }
 
 }  // namespace output_test

@@ -1,6 +1,7 @@
 // The estimation passes allocate nothing per record: a pass over many records makes exactly as
 // many allocations as a pass over a few (the accumulators and scratch rows are sized once).
-// Neither does scoring a record.
+// Neither does scoring a record. The subject passes of a GEE model make as many allocations over
+// many subjects as over a few.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -16,6 +17,9 @@
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/GZLStatFactory.h"
+#include "gee/GEEDesignMatrix.h"
+#include "gee/GEESubjectPass.h"
+#include "gee/GEEWorkCorrelation.h"
 
 #include "alloc_counter.h"
 
@@ -109,4 +113,54 @@ TEST(ScoringAllocations, NoAllocationPerRecord) {
     EXPECT_TRUE(a->Score(record, scores, &mask).IsOK());
   }
   EXPECT_EQ(gAllocations - before, 0);
+}
+
+namespace {
+
+// Allocations of a second GEE subject pass (estimating equations, or the robust pass) and of a
+// second working-correlation pass over `subjects` subjects of 4 records.
+long GEEPassAllocations(int subjects, bool robust) {
+  GZLSettings s;
+  s.SetGZLModelType(GZLConst_940::GEE);
+  s.SetDistType(TQConst::DistPoisson);
+  s.SetLinkType(TQConst::LinkLog);
+  s.SetScaleType(GZLConst_940::ScaleFixed);
+  s.SetDependent(0);
+  s.SetInterceptUse(true);
+  s.AddCovariate(1);
+  static std::vector<int> vars{1};
+  GZLModelEffect cov(0, 1, &vars);
+  cov.AddCovariate(1);
+  s.AddModelEffect(cov);
+  s.AddGEESubjectVar(2, subjects);
+  s.AddGEEWSVar(3, 4);
+  s.SetGEECorrType(GZLConst_940::Unstructured);
+  std::vector<std::vector<double>> rows;
+  for (int i = 0; i < subjects; ++i)
+    for (int t = 0; t < 4; ++t) rows.push_back({1.0 + ((i + t) % 5), 0.1 * ((i * t) % 7), double(i), double(t)});
+  GZLMemorySource src(std::move(rows));
+  GEEDesignMatrix design(s);
+  TQStatus st;
+  design.RunDictionaryPass(st, src);
+  design.NumberWSCombinations();
+  design.SetRecordSource(&src);
+  GEESubjectPass pass(s);
+  pass.SetActive(TQBitSet(design.GetNumOfParams(), true));
+  GEEWorkCorrelation correlation(design, s);
+  const std::vector<double> beta(static_cast<std::size_t>(design.GetNumOfParams()), 0.05);
+  TQSymMatrix R;
+  correlation.Update(st, beta, 2, R);
+  bool transformed = false;
+  EXPECT_TRUE(pass.Run(design, beta, R, 1.0, robust, transformed).IsOK());
+  const long before = gAllocations;
+  correlation.Update(st, beta, 2, R);
+  EXPECT_TRUE(st.IsOK());
+  EXPECT_TRUE(pass.Run(design, beta, R, 1.0, robust, transformed).IsOK());
+  return gAllocations - before;
+}
+
+}  // namespace
+
+TEST(EstimationAllocations, NoAllocationPerSubject) {
+  for (bool robust : {false, true}) EXPECT_EQ(GEEPassAllocations(10, robust), GEEPassAllocations(1000, robust));
 }

@@ -18,6 +18,7 @@
 #include "output_reference_models.h"
 #include "support/TQDistFun.h"
 
+using output_test::ExpectRel;
 using output_test::LoadCase;
 using output_test::ReferenceCase;
 
@@ -57,12 +58,6 @@ std::unique_ptr<Fit> RunFit(const GZLSettings& settings, IGZLRecordSource& sourc
   return f;
 }
 
-void ExpectRel(double expected, double actual, const std::string& what, double rel = 1e-6) {
-  ASSERT_FALSE(TQMV::IsMissing(actual)) << what;
-  const double tol = std::fabs(expected) < 1e-3 ? 1e-9 : rel * std::fabs(expected);
-  EXPECT_LE(std::fabs(actual - expected), tol) << what << ": engine " << actual << ", reference " << expected;
-}
-
 bool IsScaleFromFit(const nlohmann::json& m) {
   const std::string s = m.value("scale", std::string("fixed"));
   return s == "deviance" || s == "pearson";
@@ -79,9 +74,6 @@ TEST(OutputStats, ReferenceFits) {
   for (const std::string& file : files) {
     auto c = LoadCase(file);
     SCOPED_TRACE(c->name);
-    // The figures of this case come from the log link: the generator turned a power link
-    // with a non-positive exponent into it.
-    if (c->name == "trees_gamma_inverse_pearson") c->settings.SetLinkType(TQConst::LinkLog);
     auto f = RunFit(c->settings, *c->source);
     ASSERT_FALSE(f->fitStatus.IsError()) << "fit status " << f->fitStatus.GetErrorCode();
     ASSERT_TRUE(f->inference) << "no inference";
@@ -94,10 +86,7 @@ TEST(OutputStats, ReferenceFits) {
     for (size_t j = 0; j < params.size(); ++j) {
       const auto& pj = params[j];
       SCOPED_TRACE("parameter " + pj["term"].get<std::string>());
-      EXPECT_EQ(rows[j].IsRedundant(), pj["redundant"].get<bool>());
-      if (pj["redundant"].get<bool>()) {
-        EXPECT_EQ(rows[j].GetEstimate(), 0.0);
-        EXPECT_TRUE(TQMV::IsMissing(rows[j].GetStdError()));
+      if (output_test::ExpectRedundancy(rows[j], pj)) {
         EXPECT_TRUE(TQMV::IsMissing(rows[j].GetSignificance()));
         continue;
       }

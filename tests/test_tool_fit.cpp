@@ -251,6 +251,44 @@ TEST(ToolFit, FrequencyWeightsDevianceScaleAndPowersAgreeWithReference) {
   }
 }
 
+// Wald tests of effects with the effects entered so that wool and tension are aliased with the
+// interaction before them: no type I test for them, type III tests as usual.
+TEST(ToolFit, EffectTestsAgreeWithReference) {
+  std::ifstream in(std::string(GZL_TEST_DATA_DIR) + "/reference/effects/warpbreaks_poisson_aliased_deviance.json");
+  const json expected = json::parse(in)["expected"];
+  FitOptions o = Options("warpbreaks.csv", "breaks", TQConst::DistPoisson);
+  o.factors = {"wool", "tension"};
+  o.frequencyWeight = "fw";
+  o.scaleMethod = GZLConst_940::ScaleDeviance;
+  o.effects = "wool*tension wool tension";
+  o.effectTests = TQConst::EffectTypeIAndIII;
+  const json doc = RunJson(o);
+  for (const char* key : {"wald_type1", "wald_type3"}) {
+    ASSERT_EQ(doc[key].size(), expected[key].size()) << key;
+    for (std::size_t i = 0; i < doc[key].size(); ++i) {
+      const json& e = expected[key][i];
+      const json& a = doc[key][i];
+      const std::string what = std::string(key) + " " + e["term"].get<std::string>();
+      EXPECT_EQ(a["effect"], e["effect"]) << what;
+      EXPECT_EQ(a["term"], e["term"]) << what;
+      EXPECT_EQ(a["df"], e["df"]) << what;
+      if (e["chisq"].is_null()) {
+        EXPECT_TRUE(a["chisq"].is_null() && a["sig"].is_null()) << what;
+        continue;
+      }
+      ExpectRel(a["chisq"], e["chisq"].get<double>(), what);
+      ExpectRel(a["sig"], e["sig"].get<double>(), what);
+    }
+  }
+  o.effectTests = TQConst::EffectTypeI;
+  const ToolRun text = RunTool(o);
+  ASSERT_EQ(text.code, 0) << text.err;
+  EXPECT_NE(text.out.find("Tests of model effects (Wald, type I"), std::string::npos);
+  EXPECT_EQ(text.out.find("type III"), std::string::npos);
+  EXPECT_NE(text.out.find("wool^a"), std::string::npos);
+  EXPECT_NE(text.out.find("^a Not tested"), std::string::npos);
+}
+
 TEST(ToolFit, TextOutputShowsTheTablesAndNamesTermsByLabel) {
   FitOptions o = Options("warpbreaks.csv", "breaks", TQConst::DistPoisson);
   o.factors = {"wool", "tension"};

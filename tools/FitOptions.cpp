@@ -62,6 +62,13 @@ constexpr std::array kLogLikelihoodTypeNames{
     FitOptionName{"kernel", GZLConst_940::LLKernel},
 };
 
+constexpr std::array kEffectTestNames{
+    FitOptionName{"type1", TQConst::EffectTypeI},
+    FitOptionName{"type3", TQConst::EffectTypeIII},
+    FitOptionName{"both", TQConst::EffectTypeIAndIII},
+    FitOptionName{"none", TQConst::EffectNone},
+};
+
 bool IsMultinomial(TQConst::DistType d) {
   return d == TQConst::DistOrdinalMultinomial || d == TQConst::DistNominalMultinomial;
 }
@@ -242,6 +249,7 @@ std::span<const FitOptionName> ScaleMethodNames() { return kScaleMethodNames; }
 std::span<const FitOptionName> HessianMethodNames() { return kHessianMethodNames; }
 std::span<const FitOptionName> ConvergenceTypeNames() { return kConvergenceTypeNames; }
 std::span<const FitOptionName> LogLikelihoodTypeNames() { return kLogLikelihoodTypeNames; }
+std::span<const FitOptionName> EffectTestNames() { return kEffectTestNames; }
 
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value) {
   const auto it = std::find_if(names.begin(), names.end(), [value](const FitOptionName& n) { return n.value == value; });

@@ -74,6 +74,8 @@ struct FitOptions {
   // Output.
   std::optional<double> confidenceLevel;  // a fraction, 0 < level < 1
   std::optional<GZLConst_940::LLType> llType;
+  // Wald tests of model effects; none unless asked for.
+  std::optional<TQConst::TQEffectAnalysisType> effectTests;
   bool json = false;
   bool dryRun = false;  // describe the model and stop
 };
@@ -90,6 +92,7 @@ std::span<const FitOptionName> ScaleMethodNames();
 std::span<const FitOptionName> HessianMethodNames();
 std::span<const FitOptionName> ConvergenceTypeNames();
 std::span<const FitOptionName> LogLikelihoodTypeNames();
+std::span<const FitOptionName> EffectTestNames();
 // The output name of a value, "unknown" when the table has none.
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value);
 

@@ -23,6 +23,7 @@
 #include "diagnostics/GZLComponentDisplay_940.h"
 #include "inference/GZLOmnibusTest.h"
 #include "support/TQMV.h"
+#include "tools/EffectTests.h"
 #include "tools/FitControl.h"
 #include "tools/JsonWriter.h"
 #include "tools/ModelInfo.h"
@@ -198,9 +199,10 @@ bool SetControls(const FitOptions& o, GZLSettings& s, std::string& error) {
   if (o.paramConvType) s.SetPConvergeType(*o.paramConvType);
   if (o.hessianConvType) s.SetHConvergeType(*o.hessianConvType);
   if (o.llType) s.SetLLType(*o.llType);
-  // The omnibus test is part of the output; the tests of single effects are not.
+  // The omnibus test is part of the output; the tests of single effects when asked for.
   s.SetModelFittingTest(true);
-  s.SetEffectAnalysisType(TQConst::EffectNone);
+  s.SetEffectAnalysisType(o.effectTests.value_or(TQConst::EffectNone));
+  if (o.effectTests && *o.effectTests != TQConst::EffectNone) s.SetEffectAnalysisStat(GZLConst_940::EffectStatWald);
   return true;
 }
 
@@ -275,6 +277,7 @@ struct FitReport {
   double dfResidual = TQMV::Missing;
   bool intercept = true;
   double confidence = 0.95;
+  EffectTestsReport effectTests;
   std::vector<ParameterRow> parameters;
   std::optional<ParameterRow> scale;
   std::optional<ParameterRow> k;
@@ -530,14 +533,6 @@ void GatherParameters(const FitOptions& o, const CsvTable& table, const std::vec
 
 std::string Number(double value) { return FormatNumber(value, 6); }
 
-std::string Significance(double p) {
-  if (TQMV::IsMissingOrInfinite(p)) return ".";
-  if (p < 0.0001) return "<.0001";
-  char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%.4f", p);
-  return buffer;
-}
-
 std::string Percent(double value) {
   if (TQMV::IsMissingOrInfinite(value)) return ".";
   char buffer[32];
@@ -608,10 +603,11 @@ void WriteText(std::ostream& out, const FitReport& r) {
     TextTable table(r.intercept ? "\nOmnibus test (fitted model against the intercept-only model)"
                                 : "\nOmnibus test (fitted model against the model without parameters)",
                     {"Likelihood-ratio chi-square", "df", "Sig."}, {Align::Right, Align::Right, Align::Right});
-    table.AddRow({Number(r.omnibusChiSquare), Number(r.omnibusDF), Significance(r.omnibusSig)});
+    table.AddRow({Number(r.omnibusChiSquare), Number(r.omnibusDF), FormatSignificance(r.omnibusSig)});
     table.Write(out);
     if (r.omnibusFailed) out << "  The null model could not be fitted.\n";
   }
+  WriteEffectTestsText(out, r.effectTests);
 
   {
     const std::string level = ConfidenceText(r.confidence);
@@ -629,7 +625,7 @@ void WriteText(std::ostream& out, const FitReport& r) {
       }
       table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
                     Number(st.GetUpperBound()), Number(st.GetWaldChiSquare()), Number(st.GetDF()),
-                    Significance(st.GetSignificance())});
+                    FormatSignificance(st.GetSignificance())});
     }
     bool anyFixed = false;
     for (const auto* extra : {&r.scale, &r.k}) {
@@ -770,6 +766,7 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
   json.Member("loglik_null", r.omnibusNullLogLikelihood);
   json.Member("null_model_failed", r.omnibusFailed);
   json.EndObject();
+  WriteEffectTestsJson(json, r.effectTests);
 
   json.Member("confidence_level", r.confidence);
   json.Key("parameters");
@@ -873,6 +870,7 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   GatherCounts(o, table, s, *stats, report);
   GatherFit(o, *algorithm, *stats, report);
   GatherParameters(o, table, terms, s, *stats, report);
+  GatherEffectTests(o, terms, *stats, report.effectTests);
   report.convergence = StoppingText(stats->GetEstimStopCriterion());
   report.iterations = iterations.LastIteration();
   AddWarnings(report.warnings, stats->GetBuildModelWarnings());

@@ -40,6 +40,14 @@ void TextTable::Write(std::ostream& out) const {
   for (const auto& row : fRows) writeLine(row);
 }
 
+std::string FormatSignificance(double p) {
+  if (TQMV::IsMissingOrInfinite(p)) return ".";
+  if (p < 0.0001) return "<.0001";
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%.4f", p);
+  return buffer;
+}
+
 std::string FormatNumber(double value, int significant) {
   if (TQMV::IsMissingOrInfinite(value)) return ".";
   char buffer[40];

@@ -27,3 +27,5 @@ class TextTable {
 // A number for a table cell: up to `significant` significant digits, "." when it is missing or
 // not finite.
 std::string FormatNumber(double value, int significant = 6);
+// A significance for a table cell: four decimals, "<.0001" below that, "." when missing.
+std::string FormatSignificance(double p);

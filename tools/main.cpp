@@ -232,6 +232,10 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
       ->group(output);
   AddChoice(fit, "--loglik", o.llType, LogLikelihoodTypeNames(), "Log-likelihood reported: full or kernel")
       ->group(output);
+  AddChoice(fit, "--effect-tests", o.effectTests, EffectTestNames(),
+            "Wald tests of model effects: type1 (sequential), type3 (each effect adjusted for all others), both "
+            "or none (default none)")
+      ->group(output);
   fit.add_flag("--json", o.json, "Write the output as one JSON document")->group(output);
   fit.add_flag("--dry-run", o.dryRun, "Describe the model that would be fitted, and stop")->group(output);
   auto* progress = fit.add_flag("--progress", x.progress,
