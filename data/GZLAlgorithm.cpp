@@ -8,11 +8,13 @@
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
 #include "GZLOutputStats.h"
+#include "GZLPMMLExporter.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLOmnibusTest.h"
 #include "inference/GZLScoringEngine.h"
 #include "GZLScoreStats.h"
 #include "support/TQDisplay_940.h"
+#include "support/TQVarList.h"
 
 namespace {
 // Support-library codes of the nominal response categories.
@@ -370,13 +372,36 @@ TQStatus GZLAlgorithm::Score(const Record& record, GZLScoreStats& scores, const 
   return status;
 }
 
-TQStatus GZLAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const TQApplicInfo4XML*) {
-  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
-}
+TQStatus GZLAlgorithm::ExportPMML(const TQVarList& variables, std::ostream& out, bool includeCovariance,
+                                  const TQApplicInfo4XML* applicationInfo) {
+  if (!IsModelBuilt()) return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  const GZLOutputStats* stats = nullptr;
+  const TQStatus statsStatus = GetOutputStats(stats);
+  if (statsStatus.IsError() || stats == nullptr) return statsStatus;
 
-void GZLAlgorithm::SetGainsRegr(const std::vector<LiftInfo>&) {}
-void GZLAlgorithm::SetGainCls(const std::vector<std::vector<LiftInfo>>&) {}
-void GZLAlgorithm::SetClassification(const TQClassificationMatrix&) {}
+  // The distribution parameter of the document: the fitted negative binomial k (estimated or
+  // fixed) or the Tweedie power.
+  const TQConst::DistType dist = fpSettings->GetDistType();
+  double k = TQMV::Missing;
+  if (dist == TQConst::DistNegBinomial)
+    k = fpOptimizer->GetK();
+  else if (dist == TQConst::DistTweedie)
+    k = fpSettings->GetDistParam();
+  GZLPMMLExporter exporter(*fpSettings, variables, applicationInfo, fParameters, stats->GetParamEstimates(),
+                           fpOptimizer->GetInitRedunInfo(), k);
+  exporter.SetAICCValue(stats->GetAICC());
+  exporter.SetBICValue(stats->GetBIC());
+  exporter.SetNumOfPredictors(fNumOfPredictors);
+  if (dist == TQConst::DistBinomial || fpSettings->IsMultinomial()) exporter.SetClassification(fClassification);
+  const GZLPMMLVariable* response = variables.GetVariable(fpSettings->GetDependent());
+  if (response != nullptr && response->GetMeasLevel() == MeasContinuous)
+    exporter.SetGainsRegr(fGainsRegr);
+  else
+    exporter.SetGainCls(fGainsCls);
+  TQStatus status = exporter.CheckConsistency();
+  if (status.IsOK()) status = exporter.ExportPMML(out, includeCovariance ? &stats->GetCovarianceMatrix() : nullptr);
+  return status;
+}
 
 void GZLAlgorithm::Display() const {
   using namespace TQDisplay_940;

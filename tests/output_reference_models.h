@@ -53,6 +53,7 @@ class TableSource : public IGZLRecordSource {
   TableSource(std::vector<std::string> names, std::vector<std::vector<double>> rows)
       : fNames(std::move(names)), fRows(std::move(rows)) {}
 
+  const std::vector<std::string>& Names() const { return fNames; }
   int Column(const std::string& name) const {
     for (size_t i = 0; i < fNames.size(); ++i)
       if (fNames[i] == name) return static_cast<int>(i);

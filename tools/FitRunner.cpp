@@ -26,6 +26,7 @@
 #include "tools/EffectTests.h"
 #include "tools/FitControl.h"
 #include "tools/JsonWriter.h"
+#include "tools/PmmlFile.h"
 #include "tools/ModelInfo.h"
 #include "tools/RecordCache.h"
 #include "tools/StatusText.h"
@@ -877,6 +878,8 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   AddWarnings(report.warnings, stats->GetStatComputeWarnings());
   AddWarnings(report.warnings, stats->GetEffectAnalysisWarnings());
   if (status.IsWarning()) AddWarnings(report.warnings, {status});
+
+  if (!o.pmmlPath.empty() && !WritePmmlFile(o.pmmlPath, *algorithm, s, table, error)) return false;
 
   // Written whole only once everything is gathered, so that a failure leaves no partial output.
   std::ostringstream text;

@@ -238,6 +238,9 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
       ->group(output);
   fit.add_flag("--json", o.json, "Write the output as one JSON document")->group(output);
   fit.add_flag("--dry-run", o.dryRun, "Describe the model that would be fitted, and stop")->group(output);
+  fit.add_option("--pmml", o.pmmlPath, "Write the fitted model as a PMML document to this file")
+      ->type_name("FILE.xml")
+      ->group(output);
   auto* progress = fit.add_flag("--progress", x.progress,
                                 "Report records read and iterations on stderr even when it is not a terminal")
                        ->group(output);
