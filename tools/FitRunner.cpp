@@ -17,7 +17,6 @@
 #include "GZLFactory.h"
 #include "GZLModelEffect.h"
 #include "GZLOutputStats.h"
-#include "GZLRecord.h"
 #include "GZLSettings.h"
 #include "IGZLAlgorithm.h"
 #include "data/GZLAlgorithm.h"
@@ -29,35 +28,11 @@
 #include "tools/JsonWriter.h"
 #include "tools/PmmlFile.h"
 #include "tools/ModelInfo.h"
+#include "tools/RecordCache.h"
 #include "tools/StatusText.h"
 #include "tools/TextTable.h"
 
 namespace {
-
-// ---------------------------------------------------------------------------------------------
-// Records: the table's dense rows served in place, one field per kept column.
-
-class TableRecordSource final : public IGZLRecordSource {
- public:
-  explicit TableRecordSource(const CsvTable& table) noexcept : fTable(table) {}
-
-  bool HasMoreRecords() override { return fNext < fTable.NumRows(); }
-  const Record* NextRecord() override {
-    if (fNext >= fTable.NumRows()) return nullptr;
-    fRecord.Reset(fTable.Row(fNext++), fTable.NumColumns());
-    return &fRecord;
-  }
-  long RecordCount() override { return static_cast<long>(fTable.NumRows()); }
-  int Rewind() override {
-    fNext = 0;
-    return 0;
-  }
-
- private:
-  const CsvTable& fTable;
-  std::size_t fNext = 0;
-  Record fRecord;
-};
 
 // ---------------------------------------------------------------------------------------------
 // Settings.
@@ -931,10 +906,12 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
 
   std::unique_ptr<IGZLAlgorithm> algorithm(GZLFactory::CreateAlgorithm(s, false));
   if (!algorithm) return Fail(error, "the engine refused the model settings");
-  TableRecordSource source(table);
+  if (!table.Records()) return Fail(error, "no data records");
+  CacheRecordSource source(*table.Records());
   const TQStatus status = algorithm->BuildModel(source);
   records.Finish();
   iterations.Finish();
+  if (source.Failed()) return Fail(error, "the records could not be read back from the temporary file");
   if (status.GetErrorCode() == GZLStatusCode::Cancelled && status.IsError()) {
     return Fail(error, "the fit was cancelled");
   }

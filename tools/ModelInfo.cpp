@@ -4,7 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include "support/TQMV.h"
 #include "tools/TextTable.h"
 
 namespace {
@@ -12,10 +11,7 @@ namespace {
 constexpr std::size_t kMaxLabelsShown = 10;
 
 std::size_t MissingCount(const CsvTable& table, int column) {
-  if (column < 0) return 0;
-  std::size_t n = 0;
-  for (std::size_t r = 0; r < table.NumRows(); ++r) n += TQMV::IsMissing(table.Value(r, column)) ? 1 : 0;
-  return n;
+  return column < 0 ? 0 : static_cast<std::size_t>(table.Column(static_cast<std::size_t>(column)).missing);
 }
 
 std::string LabelList(const CsvColumn& column) {
