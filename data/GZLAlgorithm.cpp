@@ -8,6 +8,7 @@
 #include "estimation/GZLDesignRowSource.h"
 #include "estimation/GZLOptimizer.h"
 #include "GZLOutputStats.h"
+#include "GZLPMMLExporter.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLLRStats.h"
 #include "inference/GZLProfileLikelihoodCI.h"
@@ -15,12 +16,8 @@
 #include "inference/GZLScoringEngine.h"
 #include "GZLScoreStats.h"
 #include "support/TQDisplay_940.h"
+#include "support/TQVarList.h"
 
-namespace {
-// Support-library codes of the nominal response categories.
-constexpr int kTooFewResponseCategories = 318;
-constexpr int kReferenceCategoryNotObserved = 319;
-}  // namespace
 
 GZLAlgorithm::GZLAlgorithm(const GZLSettings& settings) : fpSettings(&settings) {
   fCancelInfo.fpCancel = settings.GetCancelPointer();
@@ -138,30 +135,12 @@ TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {
 }
 
 TQStatus GZLAlgorithm::DetermineNominalCategories() {
+  const TQStatus status = fpDesignMatrix->GetNominalCategoryOrder(fResponseCategories);
+  if (status.IsError()) return status;
   const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
   const std::vector<TQFactorCounts::Count>* offsets = fFactorCounts.GetOffsetCountsForDepCatPtr();
-  const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
-  std::vector<int> kept;
-  for (int c = 0; c < k; ++c)
-    if ((*counts)[static_cast<std::size_t>(c)].first > 0.0) kept.push_back(c);
-  if (kept.size() < 2) return TQStatus::Error(kTooFewResponseCategories);
-
-  TQStatus status;
-  const int setting = fpSettings->GetDependentRefCateg();
-  int reference;
-  if (std::find(kept.begin(), kept.end(), setting) != kept.end()) {
-    reference = setting;
-  } else if (setting < 0) {
-    reference = kept.front();
-  } else {
-    reference = kept.back();
-    if (setting > 0) status = TQStatus::Warning(kReferenceCategoryNotObserved);
-  }
-  for (int c : kept)
-    if (c != reference) fResponseCategories.push_back(c);
-  fResponseCategories.push_back(reference);
-
-  fResponsePositions.assign(static_cast<std::size_t>(k), -1);
+  const std::size_t k = counts != nullptr ? counts->size() : 0;
+  fResponsePositions.assign(k, -1);
   for (std::size_t pos = 0; pos < fResponseCategories.size(); ++pos) {
     const std::size_t c = static_cast<std::size_t>(fResponseCategories[pos]);
     fResponsePositions[c] = static_cast<int>(pos);
@@ -422,13 +401,36 @@ TQStatus GZLAlgorithm::Score(const Record& record, GZLScoreStats& scores, const 
   return status;
 }
 
-TQStatus GZLAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const TQApplicInfo4XML*) {
-  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
-}
+TQStatus GZLAlgorithm::ExportPMML(const TQVarList& variables, std::ostream& out, bool includeCovariance,
+                                  const TQApplicInfo4XML* applicationInfo) {
+  if (!IsModelBuilt()) return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  const GZLOutputStats* stats = nullptr;
+  const TQStatus statsStatus = GetOutputStats(stats);
+  if (statsStatus.IsError() || stats == nullptr) return statsStatus;
 
-void GZLAlgorithm::SetGainsRegr(const std::vector<LiftInfo>&) {}
-void GZLAlgorithm::SetGainCls(const std::vector<std::vector<LiftInfo>>&) {}
-void GZLAlgorithm::SetClassification(const TQClassificationMatrix&) {}
+  // The distribution parameter of the document: the fitted negative binomial k (estimated or
+  // fixed) or the Tweedie power.
+  const TQConst::DistType dist = fpSettings->GetDistType();
+  double k = TQMV::Missing;
+  if (dist == TQConst::DistNegBinomial)
+    k = fpOptimizer->GetK();
+  else if (dist == TQConst::DistTweedie)
+    k = fpSettings->GetDistParam();
+  GZLPMMLExporter exporter(*fpSettings, variables, applicationInfo, fParameters, stats->GetParamEstimates(),
+                           fpOptimizer->GetInitRedunInfo(), k);
+  exporter.SetAICCValue(stats->GetAICC());
+  exporter.SetBICValue(stats->GetBIC());
+  exporter.SetNumOfPredictors(fNumOfPredictors);
+  if (dist == TQConst::DistBinomial || fpSettings->IsMultinomial()) exporter.SetClassification(fClassification);
+  const GZLPMMLVariable* response = variables.GetVariable(fpSettings->GetDependent());
+  if (response != nullptr && response->GetMeasLevel() == MeasContinuous)
+    exporter.SetGainsRegr(fGainsRegr);
+  else
+    exporter.SetGainCls(fGainsCls);
+  TQStatus status = exporter.CheckConsistency();
+  if (status.IsOK()) status = exporter.ExportPMML(out, includeCovariance ? &stats->GetCovarianceMatrix() : nullptr);
+  return status;
+}
 
 void GZLAlgorithm::Display() const {
   using namespace TQDisplay_940;

@@ -13,6 +13,7 @@
 #include "IGZLAlgorithm.h"
 #include "data/GZLDesignMatrix.h"
 #include "support/TQBitSet.h"
+#include "support/TQClassificationMatrix.h"
 #include "support/TQStatus.h"
 
 class GZLSettings;
@@ -58,9 +59,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   GZLOptimizer* GetOptimizer() const override;
   void SetPropensityCategory(int category) override { fPropensityCategory = category; }
   void SetNumOfPredictors(int n) override { fNumOfPredictors = n; }
-  void SetGainsRegr(const std::vector<LiftInfo>& gains) override;
-  void SetGainCls(const std::vector<std::vector<LiftInfo>>& gains) override;
-  void SetClassification(const TQClassificationMatrix& classification) override;
+  void SetGainsRegr(const std::vector<LiftInfo>& gains) override { fGainsRegr = gains; }
+  void SetGainCls(const std::vector<std::vector<LiftInfo>>& gains) override { fGainsCls = gains; }
+  void SetClassification(const TQClassificationMatrix& classification) override { fClassification = classification; }
   void Display() const override;
 
   // ---- for the GEE driver and the inference, scoring and export steps --------------------
@@ -178,5 +179,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   std::vector<int> fReservedInts;
   int fPropensityCategory = 1;
   int fNumOfPredictors = 0;
+  // Quality figures of the host, handed to the PMML writer.
+  TQClassificationMatrix fClassification;
+  std::vector<LiftInfo> fGainsRegr;
+  std::vector<std::vector<LiftInfo>> fGainsCls;
   TQFactorCounts fFactorCounts;
 };

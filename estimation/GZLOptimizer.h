@@ -29,7 +29,9 @@
 #include "support/TQSymMatrix.h"
 
 class IGZLRowSource;
+class IGZLDevianceFunc;
 class IGZLLagrangeMultiplierTest;
+class IGZLPearsonFunc;
 class GZLStatFactory;
 class ProgressListener;
 class TQQueryCancel;
@@ -284,6 +286,18 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   // k, and the starting pass.
   void ComputeInitialValues();
   void InitialBeta();
+  // The starting values of the ordinal and nominal multinomial models, from the weighted
+  // response counts (and offset totals) of the dictionary pass (fromHost: only the checks, the
+  // host's values are kept), and the redundancy of the design. 130018 when a declared response
+  // category never occurs.
+  void MultinomialStartingValues(bool fromHost);
+  // fInitRedunInfo from a sweep of the design rows' cross-products (with the host's starting
+  // values, and with the multinomial models' own): for an ordinal model the thresholds
+  // stand for a unit column before the row's, for a nominal model every logit repeats the
+  // columns' aliasing.
+  void DesignRedundancy();
+  // The deviance and Pearson chi-square of a multinomial model over its covariate patterns.
+  TQStatus MultinomialFitStatistics(IGZLDevianceFunc& deviance, IGZLPearsonFunc& pearson);
   void ClosedFormSolution();
   void IterationLoop();
   // One data pass at the current estimates: log-likelihood, gradient and information.

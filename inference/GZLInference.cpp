@@ -34,10 +34,11 @@ void GZLInference::CountObservations(const GZLSettings& settings, const GZLOptim
     nObs = validRecords;
     sampleSize = nObs;
   } else if (settings.IsMultinomial()) {
-    // Each record contributes one observation per non-reference category.
+    // Each record contributes one observation per non-reference category to the degrees of
+    // freedom; the information criteria count records.
     const int c = design->GetNResponseCategories();
     nObs = (c - 1) * validRecords;
-    sampleSize = nObs;
+    sampleSize = validRecords;
   } else if (settings.IsEventsTrialsForBinomial()) {
     // Degrees of freedom count records; the criteria count Bernoulli trials.
     sampleSize = design->GetWeightedTrials();

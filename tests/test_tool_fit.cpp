@@ -16,8 +16,10 @@
 #include <string>
 
 #include <nlohmann/json.hpp>
+#include <pugixml.hpp>
 
 #include "GZLConst_940.h"
+#include "pmml_scorer.h"
 #include "tools/FitCommand.h"
 #include "tools/FitControl.h"
 #include "tools/StatusText.h"
@@ -182,6 +184,27 @@ TEST(ToolFit, ShipsPoissonWithOffsetAgreesWithReference) {
   bool offsetListed = false;
   for (const auto& row : doc["continuous"]) offsetListed |= row["variable"] == "logservice" && row["role"] == "offset";
   EXPECT_TRUE(offsetListed);
+
+  // --pmml: the document of the same fit, with the file's category labels; it validates.
+  o.pmmlPath = ::testing::TempDir() + "gzl_tool_ships.xml";
+  const json again = RunJson(o);
+  bool valid = false;
+  EXPECT_TRUE(again == doc);
+  const std::string output = pmml_test::ValidateWithXmllint({o.pmmlPath}, valid);
+  EXPECT_TRUE(valid) << output;
+  pugi::xml_document pmml;
+  ASSERT_TRUE(pmml.load_file(o.pmmlPath.c_str()));
+  const pugi::xml_node model = pmml.child("PMML").child("GeneralRegressionModel");
+  EXPECT_STREQ(model.attribute("offsetVariable").value(), "logservice");
+  EXPECT_STREQ(model.child("PPMatrix").child("PPCell").attribute("value").value(), "A");
+  EXPECT_EQ(std::strtod(model.child("ParamMatrix").child("PCell").attribute("beta").value(), nullptr),
+            Param(doc, "(Intercept)")["estimate"].get<double>());
+  o.pmmlPath = "/nonexistent-dir/ships.xml";
+  o.json = true;
+  const ToolRun failed = RunTool(o);
+  EXPECT_EQ(failed.code, 1);
+  EXPECT_NE(failed.err.find("cannot write the PMML file /nonexistent-dir/ships.xml"), std::string::npos) << failed.err;
+  EXPECT_EQ(failed.out, "");
 }
 
 TEST(ToolFit, QuineNegativeBinomialWithKEstimatedAgreesWithReference) {

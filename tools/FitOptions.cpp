@@ -171,8 +171,8 @@ bool CheckResponse(const FitOptions& o, std::string& error) {
     error = "the number of trials (--trials-value) must be above 0";
     return false;
   }
-  if (!o.referenceCategory.empty() && !ResponseIsCategorical(o)) {
-    error = "--ref-category applies to a binary (single binomial) or multinomial response only";
+  if (!o.referenceCategory.empty() && (!ResponseIsCategorical(o) || o.distribution == TQConst::DistOrdinalMultinomial)) {
+    error = "--ref-category applies to a binary (single binomial) or nominal response only";
     return false;
   }
   return true;

@@ -86,6 +86,8 @@ struct FitOptions {
   std::optional<double> refitTolerance;
   bool json = false;
   bool dryRun = false;  // describe the model and stop
+  // A PMML document of the fitted model goes to this file when it is not empty.
+  std::string pmmlPath;
 };
 
 // Names accepted on the command line for an enumerated choice; the first name of each value is

@@ -17,7 +17,6 @@
 #include "GZLFactory.h"
 #include "GZLModelEffect.h"
 #include "GZLOutputStats.h"
-#include "GZLRecord.h"
 #include "GZLSettings.h"
 #include "IGZLAlgorithm.h"
 #include "data/GZLAlgorithm.h"
@@ -27,36 +26,13 @@
 #include "tools/EffectTests.h"
 #include "tools/FitControl.h"
 #include "tools/JsonWriter.h"
+#include "tools/PmmlFile.h"
 #include "tools/ModelInfo.h"
+#include "tools/RecordCache.h"
 #include "tools/StatusText.h"
 #include "tools/TextTable.h"
 
 namespace {
-
-// ---------------------------------------------------------------------------------------------
-// Records: the table's dense rows served in place, one field per kept column.
-
-class TableRecordSource final : public IGZLRecordSource {
- public:
-  explicit TableRecordSource(const CsvTable& table) noexcept : fTable(table) {}
-
-  bool HasMoreRecords() override { return fNext < fTable.NumRows(); }
-  const Record* NextRecord() override {
-    if (fNext >= fTable.NumRows()) return nullptr;
-    fRecord.Reset(fTable.Row(fNext++), fTable.NumColumns());
-    return &fRecord;
-  }
-  long RecordCount() override { return static_cast<long>(fTable.NumRows()); }
-  int Rewind() override {
-    fNext = 0;
-    return 0;
-  }
-
- private:
-  const CsvTable& fTable;
-  std::size_t fNext = 0;
-  Record fRecord;
-};
 
 // ---------------------------------------------------------------------------------------------
 // Settings.
@@ -322,6 +298,14 @@ struct FitReport {
   double lmValueTested = TQMV::Missing;
   double lmValues[6] = {TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing};
   std::vector<ParameterRow> parameters;
+  // Multinomial responses: the categories in the model's order (ordinal: ascending; nominal: the
+  // reference last), by code and label, with their weighted counts.
+  bool ordinal = false;
+  bool nominal = false;
+  std::string responseName;
+  std::vector<int> dependCategories;
+  std::vector<std::string> dependLabels;
+  std::vector<double> responseCounts;
   std::optional<ParameterRow> scale;
   std::optional<ParameterRow> k;
   std::string convergence;
@@ -405,7 +389,6 @@ ParameterRow MakeParameterRow(const TQRegrParameter& p, const FitOptions& o, con
       row.name = "parameter of effect " + std::to_string(index);
     }
   }
-  if (!row.target.empty()) row.name = Bracket(o.response, row.target) + ": " + row.name;
   return row;
 }
 
@@ -453,11 +436,25 @@ void GatherCounts(const FitOptions& o, const CsvTable& table, const GZLSettings&
   if (ResponseIsCategorical(o)) {
     if (const auto* list = counts.GetDependCountsPtr()) {
       const int reference = s.GetDependentRefCateg();
+      const std::vector<int>& order = stats.GetDependCategories();
       if (s.IsSingleDependentForBinomial()) {
         // The event is the category coded 1 when the reference is 0, else the one coded 0.
         addCounts(o.response, "response", responseField, *list, reference == 0 ? 1 : 0, -2);
       } else {
-        addCounts(o.response, "response", responseField, *list, -2, reference);
+        // The nominal reference is the last of the model's categories (the one asked for when it
+        // occurs); ordinal categories have none.
+        const bool nominal = o.distribution == TQConst::DistNominalMultinomial;
+        addCounts(o.response, "response", responseField, *list, -2, nominal && !order.empty() ? order.back() : -2);
+      }
+      report.ordinal = o.distribution == TQConst::DistOrdinalMultinomial;
+      report.nominal = o.distribution == TQConst::DistNominalMultinomial;
+      report.responseName = o.response;
+      for (int code : order) {
+        report.dependCategories.push_back(code);
+        report.dependLabels.push_back(LabelOf(table, responseField, code));
+        report.responseCounts.push_back(code >= 0 && static_cast<std::size_t>(code) < list->size()
+                                            ? (*list)[static_cast<std::size_t>(code)].first
+                                            : TQMV::Missing);
       }
     }
   } else if (o.responseForm != ResponseForm::Single) {
@@ -607,6 +604,68 @@ std::string ConfidenceText(double level) { return FormatNumber(100.0 * level, 6)
 
 using Align = TextTable::Align;
 
+// The parameter estimates: one table, or for a nominal response one table per logit (the
+// parameters of one response category against the reference); the scale and k rows close the
+// last table.
+void WriteParameterTables(std::ostream& out, const FitReport& r) {
+  const std::string interval = "(Lower, Upper: " + ConfidenceText(r.confidence) +
+                               (r.profile ? " profile likelihood" : " Wald") + " confidence interval)";
+  std::vector<std::pair<std::string, std::vector<const ParameterRow*>>> tables;
+  for (const auto& row : r.parameters) {
+    if (r.nominal && !r.dependLabels.empty()) {
+      const std::string title = "\nParameter estimates for " + Bracket(r.responseName, row.target) +
+                                " against the reference " + Bracket(r.responseName, r.dependLabels.back()) + " " +
+                                interval;
+      if (tables.empty() || tables.back().first != title) tables.push_back({title, {}});
+    } else if (tables.empty()) {
+      tables.push_back({"\nParameter estimates " + interval, {}});
+    }
+    tables.back().second.push_back(&row);
+  }
+  if (tables.empty()) tables.push_back({"\nParameter estimates " + interval, {}});
+  bool anyRedundant = false, anyFixed = false;
+  for (std::size_t t = 0; t < tables.size(); ++t) {
+    TextTable table(tables[t].first, {"Parameter", "B", "Std. error", "Lower", "Upper", "Wald chi-square", "df", "Sig."},
+                    {Align::Left, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right,
+                     Align::Right});
+    for (const ParameterRow* row : tables[t].second) {
+      const TQRegrParameterStats& st = row->stats;
+      if (st.IsRedundant()) {
+        anyRedundant = true;
+        table.AddRow({row->name, "0^a"});
+        continue;
+      }
+      table.AddRow({row->name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
+                    Number(st.GetUpperBound()), Number(st.GetWaldChiSquare()), Number(st.GetDF()),
+                    FormatSignificance(st.GetSignificance())});
+    }
+    for (const auto* extra : {&r.scale, &r.k}) {
+      if (t + 1 < tables.size() || !*extra) continue;
+      const ParameterRow& row = **extra;
+      const TQRegrParameterStats& st = row.stats;
+      if (row.note == "fixed") {
+        anyFixed = true;
+        table.AddRow({row.name, Number(st.GetEstimate()) + "^b"});
+      } else if (!row.note.empty()) {
+        table.AddRow({row.name, Number(st.GetEstimate()) + "^c"});
+      } else {
+        table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
+                      Number(st.GetUpperBound())});
+      }
+    }
+    table.Write(out);
+  }
+  if (r.ordinal) {
+    out << "  Thresholds: P(" << r.responseName
+        << " <= category) = F(threshold - linear predictor).\n";
+  }
+  if (anyRedundant) out << "  ^a Aliased: set to zero because it is redundant with the parameters above.\n";
+  if (anyFixed) out << "  ^b Fixed at the displayed value.\n";
+  if (r.scale && !r.scale->note.empty() && r.scale->note != "fixed") {
+    out << "  ^c The scale is " << r.scale->note << ".\n";
+  }
+}
+
 void WriteText(std::ostream& out, const FitReport& r) {
   {
     TextTable cases("Case processing summary", {"Records", "N", "Percent"}, {Align::Left, Align::Right, Align::Right});
@@ -672,47 +731,7 @@ void WriteText(std::ostream& out, const FitReport& r) {
   }
   WriteEffectTestsText(out, r.effectTests);
 
-  {
-    const std::string level = ConfidenceText(r.confidence);
-    TextTable table("\nParameter estimates (Lower, Upper: " + level +
-                        (r.profile ? " profile likelihood" : " Wald") + " confidence interval)",
-                    {"Parameter", "B", "Std. error", "Lower", "Upper", "Wald chi-square", "df", "Sig."},
-                    {Align::Left, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right,
-                     Align::Right});
-    bool anyRedundant = false;
-    for (const auto& row : r.parameters) {
-      const TQRegrParameterStats& st = row.stats;
-      if (st.IsRedundant()) {
-        anyRedundant = true;
-        table.AddRow({row.name, "0^a"});
-        continue;
-      }
-      table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
-                    Number(st.GetUpperBound()), Number(st.GetWaldChiSquare()), Number(st.GetDF()),
-                    FormatSignificance(st.GetSignificance())});
-    }
-    bool anyFixed = false;
-    for (const auto* extra : {&r.scale, &r.k}) {
-      if (!*extra) continue;
-      const ParameterRow& row = **extra;
-      const TQRegrParameterStats& st = row.stats;
-      if (row.note == "fixed") {
-        anyFixed = true;
-        table.AddRow({row.name, Number(st.GetEstimate()) + "^b"});
-      } else if (!row.note.empty()) {
-        table.AddRow({row.name, Number(st.GetEstimate()) + "^c"});
-      } else {
-        table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
-                      Number(st.GetUpperBound())});
-      }
-    }
-    table.Write(out);
-    if (anyRedundant) out << "  ^a Aliased: set to zero because it is redundant with the parameters above.\n";
-    if (anyFixed) out << "  ^b Fixed at the displayed value.\n";
-    if (r.scale && !r.scale->note.empty() && r.scale->note != "fixed") {
-      out << "  ^c The scale is " << r.scale->note << ".\n";
-    }
-  }
+  WriteParameterTables(out, r);
 
   if (!r.lmTest.empty()) {
     const bool directional = r.lmTest == "overdispersion";
@@ -834,6 +853,21 @@ void JsonHeadline(JsonWriter& json, const FitReport& r) {
 
 void WriteJson(JsonWriter& json, const FitReport& r) {
   JsonHeadline(json, r);
+  if (r.ordinal || r.nominal) {
+    // The response categories in the model's order, by code and label, and their weighted counts.
+    json.Key("depend_categories");
+    json.BeginArray();
+    for (int c : r.dependCategories) json.Integer(c);
+    json.EndArray();
+    json.Key("depend_category_labels");
+    json.BeginArray();
+    for (const auto& label : r.dependLabels) json.String(label);
+    json.EndArray();
+    json.Key("response_counts");
+    json.BeginArray();
+    for (double n : r.responseCounts) json.Number(n);
+    json.EndArray();
+  }
   json.Key("cases");
   json.BeginObject();
   json.Member("included", r.included);
@@ -982,10 +1016,12 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
 
   std::unique_ptr<IGZLAlgorithm> algorithm(GZLFactory::CreateAlgorithm(s, false));
   if (!algorithm) return Fail(error, "the engine refused the model settings");
-  TableRecordSource source(table);
+  if (!table.Records()) return Fail(error, "no data records");
+  CacheRecordSource source(*table.Records());
   const TQStatus status = algorithm->BuildModel(source);
   records.Finish();
   iterations.Finish();
+  if (source.Failed()) return Fail(error, "the records could not be read back from the temporary file");
   if (status.GetErrorCode() == GZLStatusCode::Cancelled && status.IsError()) {
     return Fail(error, "the fit was cancelled");
   }
@@ -1011,6 +1047,8 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   AddWarnings(report.warnings, stats->GetStatComputeWarnings());
   AddWarnings(report.warnings, stats->GetEffectAnalysisWarnings());
   if (status.IsWarning()) AddWarnings(report.warnings, {status});
+
+  if (!o.pmmlPath.empty() && !WritePmmlFile(o.pmmlPath, *algorithm, s, table, error)) return false;
 
   // Written whole only once everything is gathered, so that a failure leaves no partial output.
   std::ostringstream text;
