@@ -1,17 +1,22 @@
-// Fitting speed: a Poisson log model on 1,000,000 generated records with 10 covariates and two
-// factors of 10 and 5 levels (1 + 10 + 10 + 5 = 26 design columns), served from memory.
+// Fitting speed on the benchmark models (bench_model.h): the Poisson log model, and on the same
+// design and records a binary logit model, an ordinal model of 5 categories (4 thresholds and 25
+// columns) and a nominal model of 4 categories (3 logits of 26 columns).
 //
 // Reported: the dictionary pass; one estimation pass (design rows, log-likelihood, gradient and
 // information); the design rows alone and the accumulation alone (over prebuilt rows), which
 // split a pass between the design matrix and the estimation; the estimation over prebuilt rows;
-// and the whole fit (dictionary pass, starting values, iterations and post-estimation) with its
+// the whole fit (dictionary pass, starting values, iterations and post-estimation) with its
 // number of passes; and the Wald tests of the effects after a fit (one pass for X'WX, then the
-// hypotheses and statistics of both types); and the marginal means after a fit, of a complete
-// design and of an incomplete one (one pass for the frequencies). The estimation pass and the whole fit run on the calling thread alone
-// (argument 0) and with the second thread that large passes use by default (argument 1). Nothing in the fit keeps records: its memory does not grow with their
-// number.
+// hypotheses and statistics of both types); the marginal means after a fit, of a complete
+// design and of an incomplete one (one pass for the frequencies); the type III likelihood-ratio
+// tests of the effects (one constrained refit per effect) and the profile likelihood intervals of
+// every parameter (two end points each), with their passes per effect and per end point. The
+// estimation pass and the whole fit run on the calling thread alone and with the second thread
+// that large passes use by default. Nothing in the fit keeps records: its memory does not grow
+// with their number.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -27,28 +32,51 @@
 #include "GZLOutputStats.h"
 #include "data/GZLAlgorithm.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLLRStats.h"
+#include "inference/GZLProfileLikelihoodCI.h"
 
 namespace {
 
 using namespace bench_model;
 
 struct Prepared {
-  std::unique_ptr<GZLSettings> settings = MakeSettings();
+  std::unique_ptr<GZLSettings> settings;
   std::unique_ptr<GZLDesignMatrix> design;
   std::unique_ptr<GZLDesignRowSource> rows;
-  Prepared() {
+  explicit Prepared(int model) : settings(MakeSettings(model)) {
     design = std::make_unique<GZLDesignMatrix>(*settings);
     TQStatus st;
-    Source().Rewind();
-    design->RunDictionaryPass(st, Source());
-    design->SetRecordSource(&Source());
+    Source(model).Rewind();
+    design->RunDictionaryPass(st, Source(model));
+    design->SetRecordSource(&Source(model));
     rows = std::make_unique<GZLDesignRowSource>(*design);
   }
 };
 
-Prepared& Ready() {
-  static Prepared p;
-  return p;
+Prepared& Ready(int model = kPoisson) {
+  static std::unique_ptr<Prepared> prepared[4];
+  if (!prepared[model]) prepared[model] = std::make_unique<Prepared>(model);
+  return *prepared[model];
+}
+
+// Parameters at which a pass is timed, with the redundancy of a fit: the last level of each
+// factor aliased (in every logit of a nominal model). Ordinal thresholds in increasing order.
+std::vector<double> PassParameters(GZLStatFactory& factory, int model) {
+  const int P = factory.GetNumParams();
+  const int width = factory.GetRowWidth();
+  const int blocks = model == kNominal ? kNominalCategories - 1 : 1;
+  const int first = model == kOrdinal ? kOrdinalCategories - 1 : 0;
+  TQBitSet inModel(P, true);
+  for (int b = 0; b < blocks; ++b) {
+    const int start = first + b * width;
+    const int lastA = start + (model == kOrdinal ? 0 : 1) + kCovariates + kLevelsA - 1;
+    inModel.Clear(lastA);
+    inModel.Clear(lastA + kLevelsB);
+  }
+  factory.SetRedundancy(inModel);
+  std::vector<double> beta(static_cast<std::size_t>(P), 0.01);
+  for (int t = 0; t < first; ++t) beta[static_cast<std::size_t>(t)] = -1.0 + t;
+  return beta;
 }
 
 void BM_DictionaryPass(benchmark::State& state) {
@@ -73,22 +101,19 @@ void BM_DesignRowsOnly(benchmark::State& state) {
   }
 }
 
-// Argument: 1 to share the pass with a second thread, 0 for the calling thread alone.
+// Arguments: the model; 1 to share the pass with a second thread, 0 for the calling thread alone.
 void BM_EstimationPass(benchmark::State& state) {
-  Prepared& p = Ready();
+  const int model = static_cast<int>(state.range(0));
+  Prepared& p = Ready(model);
   GZLStatFactory factory(*p.rows, *p.settings);
-  factory.SetParallelThreshold(state.range(0) != 0 ? 0.0 : -1.0);
-  std::vector<double> beta(static_cast<std::size_t>(factory.GetNumParams()), 0.01);
-  TQBitSet inModel(factory.GetNumParams(), true);
-  inModel.Clear(10 + 1 + kCovariates);  // last level of each factor aliased, as in a fit
-  inModel.Clear(factory.GetNumParams() - 1);
-  factory.SetRedundancy(inModel);
+  factory.SetParallelThreshold(state.range(1) != 0 ? 0.0 : -1.0);
+  const std::vector<double> beta = PassParameters(factory, model);
   for (auto _ : state) {
     TQStatus st;
     factory.ComputeLLGradHessian(st, beta, 1.0, true, false, false);
     benchmark::DoNotOptimize(factory.GetLogLikelihood());
   }
-  state.counters["columns"] = factory.GetNumParams();
+  state.counters["parameters"] = factory.GetNumParams();
   state.counters["records/s"] = benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate);
 }
 
@@ -123,11 +148,7 @@ void BM_AccumulationOnly(benchmark::State& state) {
   Prepared& p = Ready();
   CachedRows cached(*p.rows);
   GZLStatFactory factory(cached, *p.settings);
-  std::vector<double> beta(static_cast<std::size_t>(factory.GetNumParams()), 0.01);
-  TQBitSet inModel(factory.GetNumParams(), true);
-  inModel.Clear(10 + 1 + kCovariates);
-  inModel.Clear(factory.GetNumParams() - 1);
-  factory.SetRedundancy(inModel);
+  const std::vector<double> beta = PassParameters(factory, kPoisson);
   factory.SetUseGenericStep(state.range(0) != 0);
   factory.SetParallelThreshold(-1.0);  // the cost of the accumulation on one thread
   for (auto _ : state) {
@@ -137,25 +158,27 @@ void BM_AccumulationOnly(benchmark::State& state) {
   }
 }
 
-// Argument: 1 to share the larger passes with a second thread, 0 for the calling thread alone.
+// Arguments: the model; 1 to share the larger passes with a second thread, 0 for the calling
+// thread alone.
 void BM_WholeFit(benchmark::State& state) {
-  auto settings = MakeSettings();
-  Source();  // the records are generated once, outside the timing
+  const int model = static_cast<int>(state.range(0));
+  auto settings = MakeSettings(model);
+  FlatSource& source = Source(model);  // the records are generated once, outside the timing
   int iterations = 0, passes = 0;
   for (auto _ : state) {
-    const int rewinds = Source().fRewinds;
+    const int rewinds = source.fRewinds;
     GZLDesignMatrix design(*settings);
     TQStatus st;
-    Source().Rewind();
-    design.RunDictionaryPass(st, Source());
-    design.SetRecordSource(&Source());
+    source.Rewind();
+    design.RunDictionaryPass(st, source);
+    design.SetRecordSource(&source);
     GZLDesignRowSource rows(design);
     GZLOptimizerForGZLM opt(rows, *settings, false);
-    opt.GetStatFactory().SetParallelThreshold(state.range(0) != 0 ? GZLStatFactory::kDefaultParallelThreshold : -1.0);
+    opt.GetStatFactory().SetParallelThreshold(state.range(1) != 0 ? GZLStatFactory::kDefaultParallelThreshold : -1.0);
     opt.Estimate();
     opt.PostEstimation();
     iterations = opt.GetIterationNumber();
-    passes = Source().fRewinds - rewinds;  // the dictionary pass included
+    passes = source.fRewinds - rewinds;  // the dictionary pass included
     benchmark::DoNotOptimize(opt.GetDeviance());
   }
   state.counters["iterations"] = iterations;
@@ -255,6 +278,74 @@ void BM_MarginalMeans(benchmark::State& state) {
   benchmark::DoNotOptimize(sum);
 }
 
+// The type III likelihood-ratio tests of the intercept and the 12 effects after a fit: one
+// constrained refit each, started from the unconstrained estimates, at the engine's default
+// refit tolerance (log-likelihood change below 1e-4).
+void BM_TypeIIILRTests(benchmark::State& state) {
+  Prepared& p = Ready();
+  GZLSettings settings(*p.settings);
+  settings.SetEffectAnalysisType(TQConst::EffectTypeIII);
+  settings.SetEffectAnalysisStat(GZLConst_940::EffectStatLR);
+  GZLOptimizerForGZLM opt(*p.rows, settings, false);
+  opt.Estimate();
+  opt.PostEstimation();
+  std::vector<GZLEffectInfo> info;
+  for (int i = 0; i < p.design->GetNumEffects(); ++i)
+    info.push_back({i, p.design->GetEffect(i).GetStart(), p.design->GetEffect(i).GetNColumns(), {}});
+  TQSymMatrix sscp;
+  opt.ComputeSSCP(sscp);
+  GZLModelEffectTestData data(settings, info, opt.GetNumParams(), sscp);
+  GZLModelEffectTestTypeIII hypotheses;
+  hypotheses.SetData(&data);
+  std::vector<TQRectMatrix> L;
+  hypotheses.ComputeLMatrices(L);
+  int passes = 0;
+  double sum = 0.0;
+  for (auto _ : state) {
+    GZLTypeIIILRStats lr(settings, opt, 1e6);
+    lr.Compute(data, L);
+    passes = lr.GetNumPasses();
+    sum += lr.GetStats()[1][0];
+  }
+  benchmark::DoNotOptimize(sum);
+  const double tests = static_cast<double>(L.size());
+  state.counters["tests"] = tests;
+  state.counters["passes"] = passes;
+  state.counters["passes_per_test"] = passes / tests;
+  state.counters["s_per_test"] = benchmark::Counter(tests, benchmark::Counter::kIsIterationInvariantRate |
+                                                               benchmark::Counter::kInvert);
+}
+
+// Profile likelihood intervals of the 26 parameters (24 in the model, so 48 end points) after
+// a fit, at the engine's default tolerances (|LL - LL*| below 1e-4).
+void BM_ProfileIntervals(benchmark::State& state) {
+  Prepared& p = Ready();
+  GZLSettings settings(*p.settings);
+  settings.SetCIType(GZLConst_940::Profile);
+  settings.SetMaxIterationsPLCI(100);
+  GZLOptimizerForGZLM opt(*p.rows, settings, false);
+  opt.Estimate();
+  opt.PostEstimation();
+  int passes = 0, endPoints = 0;
+  double sum = 0.0;
+  for (auto _ : state) {
+    GZLProfileLikelihoodCI profile(settings, opt);
+    profile.ComputeIntervals();
+    passes = profile.GetNumPasses();
+    endPoints = 0;
+    for (double v : profile.GetLowerBounds()) endPoints += TQMV::IsMissing(v) ? 0 : 1;
+    for (double v : profile.GetUpperBounds()) endPoints += TQMV::IsMissing(v) ? 0 : 1;
+    sum += profile.GetUpperBounds()[1];
+  }
+  benchmark::DoNotOptimize(sum);
+  state.counters["end_points"] = endPoints;
+  state.counters["passes"] = passes;
+  state.counters["passes_per_end_point"] = static_cast<double>(passes) / std::max(endPoints, 1);
+  state.counters["s_per_end_point"] =
+      benchmark::Counter(std::max(endPoints, 1), benchmark::Counter::kIsIterationInvariantRate |
+                                                      benchmark::Counter::kInvert);
+}
+
 // The whole estimation (starting values, iterations, post-estimation) over rows that cost
 // nothing to build: the estimation's own share of the whole fit.
 void BM_EstimationOnCachedRows(benchmark::State& state) {
@@ -276,11 +367,20 @@ void BM_EstimationOnCachedRows(benchmark::State& state) {
 BENCHMARK(BM_EstimationOnCachedRows)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_DictionaryPass)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_DesignRowsOnly)->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK(BM_EstimationPass)->Unit(benchmark::kMillisecond)->Iterations(5)->Arg(0)->Arg(1);
+// Arguments: model (0 Poisson, 1 binary logit, 2 ordinal, 3 nominal), second thread.
+BENCHMARK(BM_EstimationPass)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5)
+    ->ArgsProduct({{kPoisson, kBinaryLogit, kOrdinal, kNominal}, {0, 1}});
 // Arguments: generic (virtual) record step, log-likelihood only.
 BENCHMARK(BM_AccumulationOnly)->Unit(benchmark::kMillisecond)->Iterations(5)->Args({0, 0})->Args({1, 0})->Args({0, 1});
 BENCHMARK(BM_WaldEffectTests)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_MarginalMeans)->Unit(benchmark::kMillisecond)->Iterations(3)->Arg(0)->Arg(1);
-BENCHMARK(BM_WholeFit)->Unit(benchmark::kMillisecond)->Iterations(3)->Arg(0)->Arg(1);
+BENCHMARK(BM_WholeFit)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3)
+    ->ArgsProduct({{kPoisson, kBinaryLogit, kOrdinal, kNominal}, {0, 1}});
+BENCHMARK(BM_TypeIIILRTests)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_ProfileIntervals)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 BENCHMARK_MAIN();

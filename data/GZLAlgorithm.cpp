@@ -9,17 +9,16 @@
 #include "estimation/GZLOptimizer.h"
 #include "GZLMarginals.h"
 #include "GZLOutputStats.h"
+#include "GZLPMMLExporter.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLLRStats.h"
+#include "inference/GZLProfileLikelihoodCI.h"
 #include "inference/GZLOmnibusTest.h"
 #include "inference/GZLScoringEngine.h"
 #include "GZLScoreStats.h"
 #include "support/TQDisplay_940.h"
+#include "support/TQVarList.h"
 
-namespace {
-// Support-library codes of the nominal response categories.
-constexpr int kTooFewResponseCategories = 318;
-constexpr int kReferenceCategoryNotObserved = 319;
-}  // namespace
 
 GZLAlgorithm::GZLAlgorithm(const GZLSettings& settings) : fpSettings(&settings) {
   fCancelInfo.fpCancel = settings.GetCancelPointer();
@@ -49,6 +48,9 @@ void GZLAlgorithm::AddWarning(std::vector<TQStatus>& list, const TQStatus& statu
 void GZLAlgorithm::DiscardFit() {
   // A new fit starts without the optimizer, inference and test objects of the previous one.
   fpOmnibusTest.reset();
+  fpTypeILRStats.reset();
+  fpTypeIIILRStats.reset();
+  fpProfileCI.reset();
   fpInference.reset();
   fpOptimizer.reset();
   fpRowSource.reset();
@@ -136,30 +138,12 @@ TQStatus GZLAlgorithm::InitializeModel(IGZLRecordSource& source) {
 }
 
 TQStatus GZLAlgorithm::DetermineNominalCategories() {
+  const TQStatus status = fpDesignMatrix->GetNominalCategoryOrder(fResponseCategories);
+  if (status.IsError()) return status;
   const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
   const std::vector<TQFactorCounts::Count>* offsets = fFactorCounts.GetOffsetCountsForDepCatPtr();
-  const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
-  std::vector<int> kept;
-  for (int c = 0; c < k; ++c)
-    if ((*counts)[static_cast<std::size_t>(c)].first > 0.0) kept.push_back(c);
-  if (kept.size() < 2) return TQStatus::Error(kTooFewResponseCategories);
-
-  TQStatus status;
-  const int setting = fpSettings->GetDependentRefCateg();
-  int reference;
-  if (std::find(kept.begin(), kept.end(), setting) != kept.end()) {
-    reference = setting;
-  } else if (setting < 0) {
-    reference = kept.front();
-  } else {
-    reference = kept.back();
-    if (setting > 0) status = TQStatus::Warning(kReferenceCategoryNotObserved);
-  }
-  for (int c : kept)
-    if (c != reference) fResponseCategories.push_back(c);
-  fResponseCategories.push_back(reference);
-
-  fResponsePositions.assign(static_cast<std::size_t>(k), -1);
+  const std::size_t k = counts != nullptr ? counts->size() : 0;
+  fResponsePositions.assign(k, -1);
   for (std::size_t pos = 0; pos < fResponseCategories.size(); ++pos) {
     const std::size_t c = static_cast<std::size_t>(fResponseCategories[pos]);
     fResponsePositions[c] = static_cast<int>(pos);
@@ -313,6 +297,17 @@ void GZLAlgorithm::RunInference() {
     fpInference = std::make_unique<GZLInference>(*fpSettings);
     const TQStatus inference = fpInference->Compute(*fpOptimizer, fpDesignMatrix.get());
     AddWarning(fBuildModelWarnings, inference);
+    // Profile likelihood intervals replace the Wald intervals; they need the data as fitted.
+    if (fpSettings->GetCIType() == GZLConst_940::Profile && !fpOptimizer->IsInvalidForLink()) {
+      fpProfileCI = std::make_unique<GZLProfileLikelihoodCI>(*fpSettings, *fpOptimizer);
+      const TQStatus profile = fpProfileCI->ComputeIntervals();
+      if (profile.GetErrorCode() == 1) {
+        // Cancelled: the operation ends and no partial result is published.
+        fStatus = profile;
+        return;
+      }
+      fpInference->ApplyProfileIntervals(*fpProfileCI);
+    }
     // Tests of model effects, unless none are asked for or records were refused for the link
     // (the hypotheses would not describe the data the estimates come from).
     if (fpSettings->GetEffectAnalysisType() != TQConst::EffectNone && !fpOptimizer->IsInvalidForLink()) {
@@ -323,7 +318,10 @@ void GZLAlgorithm::RunInference() {
                  fpInference->ComputeEffectTests(fpOptimizer->GetParamEstimates(), fpOptimizer->GetInitRedunInfo(),
                                                  fpInference->GetCovarianceMatrix(), df2, warnings));
       for (const TQStatus& w : warnings) AddWarning(fEffectAnalysisWarnings, w);
-      // The likelihood-ratio tests of effects follow here.
+      if (fpSettings->GetEffectAnalysisStat() == GZLConst_940::EffectStatLR && !RunLRTests()) {
+        fStatus = TQStatus::Error(1);
+        return;
+      }
     }
   }
   // The omnibus test refits the null model over further passes of the same design.
@@ -349,6 +347,39 @@ TQStatus GZLAlgorithm::PrepareEffectTests() {
   if (status.IsError()) return status;
   return fpInference->SetEffectTestData(
       std::make_unique<GZLModelEffectTestData>(*fpSettings, fEffectInfo, fpOptimizer->GetNumParams(), sscp));
+}
+
+bool GZLAlgorithm::RunLRTests() {
+  const GZLModelEffectTestData* data = fpInference->GetEffectTestData();
+  const TQConst::TQEffectAnalysisType type = fpSettings->GetEffectAnalysisType();
+  const double df2 = fpInference->GetNDegFreedom();
+  auto run = [&](std::unique_ptr<GZLLRStatsBase> lr, GZLDefaultModelEffectTest& hypotheses,
+                 std::unique_ptr<GZLLRStatsBase>& keep) {
+    std::vector<TQRectMatrix> L;
+    TQStatus status = TQStatus::Error(GZLStatusCode::InternalError);
+    if (data != nullptr && !data->GetStatus().IsError()) {
+      hypotheses.SetData(data);
+      status = hypotheses.ComputeLMatrices(L);
+    }
+    if (!status.IsError()) status = lr->Compute(*data, L);
+    if (status.GetErrorCode() == 1) return false;
+    AddWarning(fEffectAnalysisWarnings, status);
+    for (const TQStatus& s : lr->GetStatusEff()) AddWarning(fEffectAnalysisWarnings, s);
+    keep = std::move(lr);
+    return true;
+  };
+  // Type III first, as the design orders the steps.
+  if (type == TQConst::EffectTypeIII || type == TQConst::EffectTypeIAndIII) {
+    GZLModelEffectTestTypeIII hypotheses;
+    if (!run(std::make_unique<GZLTypeIIILRStats>(*fpSettings, *fpOptimizer, df2), hypotheses, fpTypeIIILRStats))
+      return false;
+  }
+  if (type == TQConst::EffectTypeI || type == TQConst::EffectTypeIAndIII) {
+    GZLModelEffectTestTypeI hypotheses;
+    if (!run(std::make_unique<GZLTypeILRStats>(*fpSettings, *fpOptimizer, df2), hypotheses, fpTypeILRStats))
+      return false;
+  }
+  return true;
 }
 
 GZLScoringFit GZLAlgorithm::ScoringFit() const {
@@ -389,13 +420,36 @@ TQStatus GZLAlgorithm::Score(const Record& record, GZLScoreStats& scores, const 
   return status;
 }
 
-TQStatus GZLAlgorithm::ExportPMML(const TQVarList&, std::ostream&, bool, const TQApplicInfo4XML*) {
-  return TQStatus::Error(GZLStatusCode::ModelNotBuilt);
-}
+TQStatus GZLAlgorithm::ExportPMML(const TQVarList& variables, std::ostream& out, bool includeCovariance,
+                                  const TQApplicInfo4XML* applicationInfo) {
+  if (!IsModelBuilt()) return fStatus = TQStatus::Error(GZLStatusCode::ModelNotBuilt);
+  const GZLOutputStats* stats = nullptr;
+  const TQStatus statsStatus = GetOutputStats(stats);
+  if (statsStatus.IsError() || stats == nullptr) return statsStatus;
 
-void GZLAlgorithm::SetGainsRegr(const std::vector<LiftInfo>&) {}
-void GZLAlgorithm::SetGainCls(const std::vector<std::vector<LiftInfo>>&) {}
-void GZLAlgorithm::SetClassification(const TQClassificationMatrix&) {}
+  // The distribution parameter of the document: the fitted negative binomial k (estimated or
+  // fixed) or the Tweedie power.
+  const TQConst::DistType dist = fpSettings->GetDistType();
+  double k = TQMV::Missing;
+  if (dist == TQConst::DistNegBinomial)
+    k = fpOptimizer->GetK();
+  else if (dist == TQConst::DistTweedie)
+    k = fpSettings->GetDistParam();
+  GZLPMMLExporter exporter(*fpSettings, variables, applicationInfo, fParameters, stats->GetParamEstimates(),
+                           fpOptimizer->GetInitRedunInfo(), k);
+  exporter.SetAICCValue(stats->GetAICC());
+  exporter.SetBICValue(stats->GetBIC());
+  exporter.SetNumOfPredictors(fNumOfPredictors);
+  if (dist == TQConst::DistBinomial || fpSettings->IsMultinomial()) exporter.SetClassification(fClassification);
+  const GZLPMMLVariable* response = variables.GetVariable(fpSettings->GetDependent());
+  if (response != nullptr && response->GetMeasLevel() == MeasContinuous)
+    exporter.SetGainsRegr(fGainsRegr);
+  else
+    exporter.SetGainCls(fGainsCls);
+  TQStatus status = exporter.CheckConsistency();
+  if (status.IsOK()) status = exporter.ExportPMML(out, includeCovariance ? &stats->GetCovarianceMatrix() : nullptr);
+  return status;
+}
 
 void GZLAlgorithm::Display() const {
   using namespace TQDisplay_940;

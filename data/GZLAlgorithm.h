@@ -13,6 +13,7 @@
 #include "IGZLAlgorithm.h"
 #include "data/GZLDesignMatrix.h"
 #include "support/TQBitSet.h"
+#include "support/TQClassificationMatrix.h"
 #include "support/TQStatus.h"
 
 class GZLSettings;
@@ -22,6 +23,8 @@ class GZLInference;
 class GZLOmnibusTest;
 class GZLScoringEngine;
 class GZLMarginals;
+class GZLLRStatsBase;
+class GZLProfileLikelihoodCI;
 struct GZLScoringFit;
 
 class GZLAlgorithm : public IGZLAlgorithm {
@@ -57,9 +60,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   GZLOptimizer* GetOptimizer() const override;
   void SetPropensityCategory(int category) override { fPropensityCategory = category; }
   void SetNumOfPredictors(int n) override { fNumOfPredictors = n; }
-  void SetGainsRegr(const std::vector<LiftInfo>& gains) override;
-  void SetGainCls(const std::vector<std::vector<LiftInfo>>& gains) override;
-  void SetClassification(const TQClassificationMatrix& classification) override;
+  void SetGainsRegr(const std::vector<LiftInfo>& gains) override { fGainsRegr = gains; }
+  void SetGainCls(const std::vector<std::vector<LiftInfo>>& gains) override { fGainsCls = gains; }
+  void SetClassification(const TQClassificationMatrix& classification) override { fClassification = classification; }
   void Display() const override;
 
   // ---- for the GEE driver and the inference, scoring and export steps --------------------
@@ -75,6 +78,11 @@ class GZLAlgorithm : public IGZLAlgorithm {
   const GZLOmnibusTest* GetOmnibusTest() const noexcept { return fpOmnibusTest.get(); }
   // The marginal means of the last fit that computed them (null when none).
   const GZLMarginals* GetMarginals() const noexcept { return fpMarginals.get(); }
+  // The likelihood-ratio tests of effects and the profile likelihood intervals of the last fit
+  // (null when not computed).
+  const GZLLRStatsBase* GetTypeILRStats() const noexcept { return fpTypeILRStats.get(); }
+  const GZLLRStatsBase* GetTypeIIILRStats() const noexcept { return fpTypeIIILRStats.get(); }
+  const GZLProfileLikelihoodCI* GetProfileCI() const noexcept { return fpProfileCI.get(); }
   // Null before the first InitializeModel.
   GZLDesignMatrix* GetDesignMatrix() noexcept { return fpDesignMatrix.get(); }
   const GZLDesignMatrix* GetDesignMatrix() const noexcept { return fpDesignMatrix.get(); }
@@ -132,6 +140,8 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // The marginal means of the settings' specifications on the fit; statuses to the
   // marginal-means warnings.
   void RunMarginalMeans();
+  // The likelihood-ratio tests of effects the settings ask for; false when the host cancelled.
+  bool RunLRTests();
   // Whether the last fit produced estimates.
   bool HasEstimates() const;
   // What the scoring engine takes from the last fit.
@@ -147,6 +157,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   // Created on the first GetOutputStats after a fit and kept for the life of the algorithm.
   std::unique_ptr<GZLOutputStats> fpOutputStats;
   std::unique_ptr<GZLOmnibusTest> fpOmnibusTest;
+  std::unique_ptr<GZLLRStatsBase> fpTypeILRStats;
+  std::unique_ptr<GZLLRStatsBase> fpTypeIIILRStats;
+  std::unique_ptr<GZLProfileLikelihoodCI> fpProfileCI;
   // Created on the first Score; it reads the design matrix and goes with it.
   std::unique_ptr<GZLScoringEngine> fpScoringEngine;
   // Replaced by every fit that computes marginal means.
@@ -174,5 +187,9 @@ class GZLAlgorithm : public IGZLAlgorithm {
   std::vector<int> fReservedInts;
   int fPropensityCategory = 1;
   int fNumOfPredictors = 0;
+  // Quality figures of the host, handed to the PMML writer.
+  TQClassificationMatrix fClassification;
+  std::vector<LiftInfo> fGainsRegr;
+  std::vector<std::vector<LiftInfo>> fGainsCls;
   TQFactorCounts fFactorCounts;
 };

@@ -1,5 +1,6 @@
 #include "data/GZLDesignMatrix.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <typeinfo>
@@ -340,6 +341,34 @@ bool GZLDesignMatrix::SetReducedModel(int n) {
   fReducedRowSize = rowSize < 0 ? 0 : (rowSize > fRowSize ? fRowSize : rowSize);
   if (fDistType == TQConst::DistNominalMultinomial) fReducedNParamsNominal = (fNResponseCategs - 1) * n;
   return true;
+}
+
+TQStatus GZLDesignMatrix::GetNominalCategoryOrder(std::vector<int>& order) const {
+  // Support-library codes of the nominal response categories.
+  constexpr int kTooFewResponseCategories = 318;
+  constexpr int kReferenceCategoryNotObserved = 319;
+  order.clear();
+  const std::vector<TQFactorCounts::Count>* counts = fFactorCounts.GetDependCountsPtr();
+  const int k = counts != nullptr ? static_cast<int>(counts->size()) : 0;
+  std::vector<int> kept;
+  for (int c = 0; c < k; ++c)
+    if ((*counts)[static_cast<std::size_t>(c)].first > 0.0) kept.push_back(c);
+  if (kept.size() < 2) return TQStatus::Error(kTooFewResponseCategories);
+  TQStatus status;
+  const int setting = fpSettings->GetDependentRefCateg();
+  int reference;
+  if (std::find(kept.begin(), kept.end(), setting) != kept.end()) {
+    reference = setting;
+  } else if (setting < 0) {
+    reference = kept.front();
+  } else {
+    reference = kept.back();
+    if (setting > 0) status = TQStatus::Warning(kReferenceCategoryNotObserved);
+  }
+  for (int c : kept)
+    if (c != reference) order.push_back(c);
+  order.push_back(reference);
+  return status;
 }
 
 void GZLDesignMatrix::Display() const {

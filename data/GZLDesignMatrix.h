@@ -98,6 +98,12 @@ class GZLDesignMatrix {
   int GetRowSize() const noexcept { return fRowSize; }
   // K for multinomial responses, 2 for a binary binomial response, else 0.
   int GetNResponseCategories() const noexcept { return fNResponseCategs; }
+  // Nominal response, after the dictionary pass: the categories with a positive weighted count
+  // in ascending order with the reference category moved to the end. The reference is the
+  // settings' reference category when it was observed; otherwise the first observed category
+  // for a negative setting, else the last one, with warning 319 when the setting was positive.
+  // Error 318 when fewer than two categories were observed.
+  TQStatus GetNominalCategoryOrder(std::vector<int>& order) const;
   bool HasIntercept() const noexcept { return fbIntercept; }
   TQConst::DistType GetDistType() const noexcept { return fDistType; }
   TQConst::TQDependentType GetResponseType() const noexcept { return fResponseType; }

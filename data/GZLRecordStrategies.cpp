@@ -1,6 +1,9 @@
 #include "data/GZLRecordStrategies.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 #include "GZLSettings.h"
 #include "data/GZLDesignMatrix.h"
@@ -69,6 +72,71 @@ void GZLOFVar::Fill(const Record& record, GZLDesignRow& row) const { row.fOffset
 
 // ---- grouping strategies ----
 
+GZLPatternTable::GZLPatternTable(int keySize, int valueSize)
+    : fKeySize(static_cast<std::size_t>(std::max(keySize, 0))),
+      fStride(fKeySize + static_cast<std::size_t>(std::max(valueSize, 0))),
+      fSlots(64, 0) {}
+
+std::uint32_t GZLPatternTable::Hash(const double* key) const noexcept {
+  std::uint64_t h = 0x9E3779B97F4A7C15ULL;
+  for (std::size_t i = 0; i < fKeySize; ++i) {
+    // -0.0 and 0.0 are the same key.
+    const double v = key[i] + 0.0;
+    std::uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    h = (h ^ bits) * 0xBF58476D1CE4E5B9ULL;
+    h ^= h >> 31;
+  }
+  return static_cast<std::uint32_t>(h >> 32);
+}
+
+void GZLPatternTable::Grow() {
+  std::vector<std::uint64_t> slots(fSlots.size() * 2, 0);
+  const std::size_t mask = slots.size() - 1;
+  for (const std::uint64_t s : fSlots) {
+    if (s == 0) continue;
+    std::size_t i = static_cast<std::size_t>(s >> 32) & mask;
+    while (slots[i] != 0) i = (i + 1) & mask;
+    slots[i] = s;
+  }
+  fSlots.swap(slots);
+}
+
+double* GZLPatternTable::FindOrAdd(const double* key) {
+  const std::uint32_t hash = Hash(key);
+  const std::size_t mask = fSlots.size() - 1;
+  std::size_t i = static_cast<std::size_t>(hash) & mask;
+  for (; fSlots[i] != 0; i = (i + 1) & mask) {
+    if (static_cast<std::uint32_t>(fSlots[i] >> 32) != hash) continue;
+    const int p = static_cast<int>(fSlots[i] & 0xFFFFFFFFu) - 1;
+    if (std::equal(key, key + fKeySize, Key(p))) return Entry(p) + fKeySize;
+  }
+  if ((fCount >> kBlockShift) >= static_cast<int>(fBlocks.size()))
+    // Not zeroed here: every entry is written when its pattern is added.
+    fBlocks.emplace_back(new double[(std::size_t{1} << kBlockShift) * fStride]);
+  const int p = fCount++;
+  double* entry = Entry(p);
+  std::copy(key, key + fKeySize, entry);
+  std::fill(entry + fKeySize, entry + fStride, 0.0);
+  fSlots[i] = (static_cast<std::uint64_t>(hash) << 32) | static_cast<std::uint64_t>(p + 1);
+  // At most half the slots taken, so that probes stay short.
+  if (static_cast<std::size_t>(fCount) * 2 > fSlots.size()) Grow();
+  return entry + fKeySize;
+}
+
+template <class Fill>
+GZLDesignRow* GZLPatternStrategyBase::NextRowOf(const GZLPatternTable& table, Fill fill) {
+  if (fNextPattern >= table.Size()) return nullptr;
+  const double* key = table.Key(fNextPattern);
+  while (GZLDesignRow* row = fpDesign->GetNextRow()) {
+    if (!std::equal(fCurrentKey.begin(), fCurrentKey.end(), key)) continue;
+    fill(*row, table.Values(fNextPattern));
+    ++fNextPattern;
+    return row;
+  }
+  return nullptr;
+}
+
 GZLPatternStrategyBase::GZLPatternStrategyBase(GZLDesignMatrix& design, const GZLSettings& settings)
     : fResponse(settings.GetDependent()), fpDesign(&design), fpSettings(&settings) {
   fVariables = settings.GetFactors();
@@ -91,7 +159,8 @@ double GZLPatternStrategyBase::FillWeights(const Record& record) {
   return fScratch.fFreqWeight * fScratch.fScaleWeight;
 }
 
-GZLBIDep::GZLBIDep(GZLDesignMatrix& design, const GZLSettings& settings) : GZLPatternStrategyBase(design, settings) {}
+GZLBIDep::GZLBIDep(GZLDesignMatrix& design, const GZLSettings& settings)
+    : GZLPatternStrategyBase(design, settings), fPatterns(fNVariables, 2) {}
 
 bool GZLBIDep::IsValid(const Record& record) const { return RoundCategory(Read(record, fResponse), 2) >= 0; }
 
@@ -100,29 +169,18 @@ void GZLBIDep::Accumulate(const Record& record) {
   // The event indicator compares exactly: 0.9 is valid (it rounds to 1) but is no event.
   const double e = fpSettings->CheckDepCategory(fScratch.fResponse) * w;
   BuildKey(record);
-  const auto it = fPatterns.find(fCurrentKey);
-  if (it != fPatterns.end()) {
-    it->second.fEvents += e;
-    it->second.fTrials += w;
-    return;
-  }
-  const auto inserted = fPatterns.emplace(fCurrentKey, Totals{e, w}).first;
-  fOrder.push_back(inserted);
-  ++fNPatterns;
+  double* totals = fPatterns.FindOrAdd(fCurrentKey.data());
+  totals[0] += e;
+  totals[1] += w;
+  fNPatterns = fPatterns.Size();
 }
 
 GZLDesignRow* GZLBIDep::NextPatternRow() {
-  if (fNextPattern >= static_cast<int>(fOrder.size())) return nullptr;
-  const auto& pattern = *fOrder[static_cast<std::size_t>(fNextPattern)];
-  while (GZLDesignRow* row = fpDesign->GetNextRow()) {
-    if (fCurrentKey != pattern.first) continue;
-    row->fEvents = pattern.second.fEvents;
-    row->fTrials = pattern.second.fTrials;
-    row->fResponse = pattern.second.fEvents / pattern.second.fTrials;
-    ++fNextPattern;
-    return row;
-  }
-  return nullptr;
+  return NextRowOf(fPatterns, [](GZLDesignRow& row, const double* totals) {
+    row.fEvents = totals[0];
+    row.fTrials = totals[1];
+    row.fResponse = totals[0] / totals[1];
+  });
 }
 
 GZLBIDepNullModel::GZLBIDepNullModel(GZLDesignMatrix& design, const GZLSettings& settings)
@@ -153,7 +211,9 @@ GZLDesignRow* GZLBIDepNullModel::NextPatternRow() {
 }
 
 GZLMultinomialStrategy::GZLMultinomialStrategy(GZLDesignMatrix& design, const GZLSettings& settings)
-    : GZLPatternStrategyBase(design, settings), fNCategories(settings.GetDependentSize()) {}
+    : GZLPatternStrategyBase(design, settings),
+      fNCategories(settings.GetDependentSize()),
+      fPatterns(fNVariables, 1 + std::max(fNCategories, 0)) {}
 
 bool GZLMultinomialStrategy::IsValid(const Record& record) const {
   return RoundCategory(Read(record, fResponse), fNCategories) >= 0;
@@ -173,29 +233,18 @@ void GZLMultinomialStrategy::Accumulate(const Record& record) {
   const double indicator = fpSettings->CheckDepCategory(fScratch.fResponse);
   const int c = TruncatedCategory(fScratch.fResponse, fNCategories);
   BuildKey(record);
-  auto it = fPatterns.find(fCurrentKey);
-  if (it == fPatterns.end()) {
-    Totals totals;
-    totals.fCategories.assign(static_cast<std::size_t>(fNCategories), 0.0);
-    it = fPatterns.emplace(fCurrentKey, std::move(totals)).first;
-    fOrder.push_back(it);
-    ++fNPatterns;
-  }
-  if (c >= 0) it->second.fCategories[static_cast<std::size_t>(c)] += indicator * w;
-  it->second.fTotal += w;
+  double* totals = fPatterns.FindOrAdd(fCurrentKey.data());
+  if (c >= 0) totals[1 + c] += indicator * w;
+  totals[0] += w;
+  fNPatterns = fPatterns.Size();
 }
 
 GZLDesignRow* GZLMultinomialStrategy::NextPatternRow() {
-  if (fNextPattern >= static_cast<int>(fOrder.size())) return nullptr;
-  const auto& pattern = *fOrder[static_cast<std::size_t>(fNextPattern)];
-  while (GZLDesignRow* row = fpDesign->GetNextRow()) {
-    if (fCurrentKey != pattern.first) continue;
-    row->fCategoryWeights = pattern.second.fCategories;
-    row->fPatternTotal = pattern.second.fTotal;
-    ++fNextPattern;
-    return row;
-  }
-  return nullptr;
+  const int K = fNCategories;
+  return NextRowOf(fPatterns, [K](GZLDesignRow& row, const double* totals) {
+    row.fCategoryWeights.assign(totals + 1, totals + 1 + K);
+    row.fPatternTotal = totals[0];
+  });
 }
 
 GZLMultinomialNullModel::GZLMultinomialNullModel(GZLDesignMatrix& design, const GZLSettings& settings)

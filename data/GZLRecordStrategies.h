@@ -6,7 +6,7 @@
 // Roles: response (DP), frequency weight (FW), scale ("omega") weight (OW), offset (OF), and
 // the subpopulation strategy (BI) that groups records into covariate patterns for the
 // binomial and multinomial goodness-of-fit statistics.
-#include <map>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -168,6 +168,38 @@ class GZLBIRM final : public GZLBIStrategy {
   void PrepareRow(const Record&, GZLDesignRow& row) override { row.fScaleWeight *= row.fTrials; }
 };
 
+// The covariate patterns of the grouping strategies: keys of keySize doubles, each followed by
+// its totals of valueSize doubles, numbered in order of first appearance and found through an
+// open-addressing hash of the keys. Keys compare element by element with ==. The patterns are
+// kept in blocks that are never moved, so that a growing table copies nothing but its index.
+class GZLPatternTable {
+ public:
+  GZLPatternTable(int keySize, int valueSize);
+  // The totals of the pattern with this key; a new pattern is added with zero totals.
+  double* FindOrAdd(const double* key);
+  int Size() const noexcept { return fCount; }
+  const double* Key(int pattern) const noexcept { return Entry(pattern); }
+  const double* Values(int pattern) const noexcept { return Entry(pattern) + fKeySize; }
+
+ private:
+  static constexpr int kBlockShift = 12;  // patterns per block: 4096
+  double* Entry(int pattern) const noexcept {
+    return fBlocks[static_cast<std::size_t>(pattern >> kBlockShift)].get() +
+           static_cast<std::size_t>(pattern & ((1 << kBlockShift) - 1)) * fStride;
+  }
+  std::uint32_t Hash(const double* key) const noexcept;
+  void Grow();
+
+  std::size_t fKeySize;
+  std::size_t fStride;
+  std::vector<std::unique_ptr<double[]>> fBlocks;
+  // Per slot the key's hash (high half; it also places the key) and the pattern number plus 1
+  // (low half; 0 for an empty slot): a probe compares keys only when the hashes agree, and the
+  // index grows without reading a key.
+  std::vector<std::uint64_t> fSlots;
+  int fCount = 0;
+};
+
 // Shared part of the grouping strategies: the pattern key of a record is the values of all
 // model factors (in model order) followed by all model covariates, unrounded.
 class GZLPatternStrategyBase : public GZLBIStrategy {
@@ -188,6 +220,12 @@ class GZLPatternStrategyBase : public GZLBIStrategy {
   std::vector<double> fCurrentKey;
   GZLDesignMatrix* fpDesign;
   const GZLSettings* fpSettings;
+  // The next pattern of the table: reading forward through the current pass, the first row
+  // whose key equals the pattern's gets its totals through fill(row, totals); null when every
+  // pattern was returned or the pass ended first.
+  template <class Fill>
+  GZLDesignRow* NextRowOf(const GZLPatternTable& table, Fill fill);
+
   int fNextPattern = 0;
   GZLDesignRow fScratch;
 };
@@ -203,13 +241,8 @@ class GZLBIDep final : public GZLPatternStrategyBase {
   void ResetPatterns() override { fNextPattern = 0; }
 
  private:
-  struct Totals {
-    double fEvents = 0.0;
-    double fTrials = 0.0;
-  };
-  using PatternMap = std::map<std::vector<double>, Totals>;
-  PatternMap fPatterns;
-  std::vector<PatternMap::const_iterator> fOrder;  // first appearance
+  // Per pattern: events, trials.
+  GZLPatternTable fPatterns;
   int fNPatterns = 0;
 };
 
@@ -241,14 +274,9 @@ class GZLMultinomialStrategy final : public GZLPatternStrategyBase {
   void ResetPatterns() override { fNextPattern = 0; }
 
  private:
-  struct Totals {
-    double fTotal = 0.0;
-    std::vector<double> fCategories;
-  };
-  using PatternMap = std::map<std::vector<double>, Totals>;
   int fNCategories;
-  PatternMap fPatterns;
-  std::vector<PatternMap::const_iterator> fOrder;
+  // Per pattern: the total weight, then the weight of each category.
+  GZLPatternTable fPatterns;
   int fNPatterns = 0;
 };
 

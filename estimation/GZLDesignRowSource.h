@@ -11,9 +11,12 @@ class GZLDesignRowSource final : public IGZLRowSource {
 
   bool RestartPass() override;
   const GZLDesignRow* GetNextRow() override;
+  const GZLDesignRow* GetNextPatternRow() override;
   // The parameters of the rows handed out: those of the reduced model while one is set.
   int GetNumParameters() const override;
   double GetNumObservations() const override;
+  bool GetResponseCategories(std::vector<int>& categories, std::vector<double>& counts,
+                             std::vector<double>& offsetTotals) const override;
   double GetResponseSumOfSquares(bool corrected, bool withScaleWeight) const override;
   // The design's transforms while the whole scaled design is in use (not a reduced model).
   const TQRectMatrix* GetBackTransform() const override;

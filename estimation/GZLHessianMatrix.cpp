@@ -59,12 +59,8 @@ bool GZLHessianMatrix::UpdateForRow(const GZLDesignRow& row, const TQBitSet& inM
 }
 
 void GZLHessianMatrix::Merge(const GZLHessianMatrix& other) noexcept {
-  fBatch.Flush(fHessian.Data());
-  other.fBatch.Flush(other.fHessian.Data());
-  const std::size_t n = std::min(fHessian.PackedSize(), other.fHessian.PackedSize());
-  double* to = fHessian.Data();
-  const double* from = other.fHessian.Data();
-  for (std::size_t i = 0; i < n; ++i) to[i] += from[i];
+  GZLBatchedRankOne::AddFlushed(fHessian.Data(), fBatch, other.fHessian.Data(), other.fBatch,
+                                std::min(fHessian.PackedSize(), other.fHessian.PackedSize()));
   const std::size_t m = std::min(fExtraRow.size(), other.fExtraRow.size());
   for (std::size_t j = 0; j < m; ++j) fExtraRow[j] += other.fExtraRow[j];
   fCorner += other.fCorner;

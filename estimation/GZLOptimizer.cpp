@@ -5,6 +5,7 @@
 
 #include "GZLProgress.h"
 #include "diagnostics/GZLComponentDisplay_940.h"
+#include "estimation/GZLLagrangeMultiplierTest.h"
 #include "estimation/GZLStatFactory.h"
 #include "estimation/IGZLRowSource.h"
 #include "families/GZLDevianceFunc.h"
@@ -356,7 +357,107 @@ bool GZLOptimizerForGZLM::MapBackFromScaledDesign() {
   return true;
 }
 
+void GZLOptimizerForGZLM::DesignRedundancy() {
+  TQStatus st;
+  TQSymMatrix xx;
+  const bool ordinal = fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial;
+  fpStatFactory->ComputeCrossProducts(st, xx, ordinal);
+  if (st.IsError()) {
+    fStatus = st;
+    return;
+  }
+  const int n = xx.GetNumRows();
+  std::vector<double> diagonal;
+  xx.GetDiagonal(diagonal);
+  TQBitSet set(n, false);
+  xx.Sweep(0, n, fpSettings->GetTolerance(), diagonal, set);
+  set.Resize(n, false);
+  if (!fpSettings->IsMultinomial()) {
+    set.Resize(fNParams, false);
+    fInitRedunInfo = set;
+    return;
+  }
+  // Ordinal: the thresholds (the unit column's place) always, then the columns; nominal: the
+  // columns' pattern in every logit.
+  fInitRedunInfo = TQBitSet(fNParams, true);
+  if (ordinal) {
+    const int thresholds = fNParams - (n - 1);
+    for (int j = 1; j < n; ++j)
+      if (!set.Test(j)) fInitRedunInfo.Clear(thresholds + j - 1);
+  } else if (n > 0) {
+    for (int k = 0; k < fNParams; ++k)
+      if (!set.Test(k % n)) fInitRedunInfo.Clear(k);
+  }
+}
+
+void GZLOptimizerForGZLM::MultinomialStartingValues(bool fromHost) {
+  const std::size_t P = static_cast<std::size_t>(fNParams);
+  if (!fromHost) fParamEstimates.assign(P, 0.0);
+  std::vector<int> categories;
+  std::vector<double> counts, offsets;
+  const bool haveCounts = fpSource->GetResponseCategories(categories, counts, offsets);
+  const std::size_t K = static_cast<std::size_t>(std::max(fpSettings->GetDependentSize(), 0));
+  const bool withOffset = fpSettings->GetOffsetType() != TQConst::OffsetNone;
+  const TQStatus cannot = TQStatus::Error(GZLStatusCode::CantBuildModel);
+  // Every declared category must occur: an ordinal threshold between two categories, or a
+  // nominal logit, needs records on both sides. (Without it the nominal categories could not
+  // even be given their places, the reference last.)
+  const bool allObserved =
+      haveCounts && K >= 2 && counts.size() == K && std::all_of(counts.begin(), counts.end(), [](double c) { return c > 0.0; });
+  if (!allObserved) {
+    fStatus = cannot;
+    return;
+  }
+  if (fromHost) return;
+  // The aliasing of the design's columns, from their cross-products: exact for the columns of
+  // factor levels, whose cross-products are sums of weights, where the information summed over
+  // many records would decide it on rounding.
+  DesignRedundancy();
+  if (fStatus.IsError()) return;
+  if (fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial) {
+    // The thresholds reproduce the cumulative proportions (less the mean offset of the records
+    // at or below each one), made non-decreasing.
+    if (P < K - 1) {
+      fStatus = cannot;
+      return;
+    }
+    double total = 0.0;
+    for (double c : counts) total += c;
+    const ITQLinkFunc* link = fpStatFactory->GetLinkFunction();
+    double cumulative = 0.0, cumulativeOffset = 0.0;
+    for (std::size_t k = 0; k + 1 < K; ++k) {
+      cumulative += counts[k];
+      cumulativeOffset += offsets[k];
+      double threshold = link != nullptr ? link->GetEta(cumulative / total) : TQMV::Missing;
+      if (TQMV::IsMissing(threshold)) {
+        fStatus = cannot;
+        return;
+      }
+      if (withOffset) threshold -= cumulativeOffset / cumulative;
+      if (k > 0 && fParamEstimates[k - 1] > threshold) threshold = fParamEstimates[k - 1];
+      fParamEstimates[k] = threshold;
+    }
+    return;
+  }
+  // Nominal: the intercept of each logit at the log odds of its category against the reference.
+  if (!fpSettings->GetInterceptUse()) return;
+  if (withOffset && offsets.size() != K) {
+    fStatus = cannot;
+    return;
+  }
+  const std::size_t perLogit = P / (K - 1);
+  for (std::size_t k = 0; k + 1 < K; ++k) {
+    double intercept = std::log(counts[k] / counts[K - 1]);
+    if (withOffset) intercept -= offsets[k] / counts[k];
+    if (k * perLogit < P) fParamEstimates[k * perLogit] = intercept;
+  }
+}
+
 void GZLOptimizerForGZLM::InitialBeta() {
+  if (fpSettings->IsMultinomial()) {
+    MultinomialStartingValues(false);
+    return;
+  }
   TQSymMatrix augmented;
   int used = 0, seen = 0;
   TQStatus st;
@@ -396,22 +497,15 @@ void GZLOptimizerForGZLM::ComputeInitialValues() {
       return;
     }
     std::copy(init.begin(), init.begin() + static_cast<std::ptrdiff_t>(P), fParamEstimates.begin());
-    // Redundancy of the design from its cross-products.
-    TQStatus st;
-    TQSymMatrix xx;
-    fpStatFactory->ComputeCrossProducts(st, xx);
-    if (st.IsError()) {
-      fStatus = st;
-      return;
+    if (fpSettings->IsMultinomial()) {
+      MultinomialStartingValues(true);
+      if (fStatus.IsError()) return;
     }
-    std::vector<double> diagonal;
-    xx.GetDiagonal(diagonal);
-    TQBitSet set(fNParams, false);
-    xx.Sweep(0, fNParams, fpSettings->GetTolerance(), diagonal, set);
-    set.Resize(fNParams, false);
-    fInitRedunInfo = set;
+    // Redundancy of the design from its cross-products.
+    DesignRedundancy();
+    if (fStatus.IsError()) return;
     for (int j = 0; j < fNParams; ++j)
-      if (!set.Test(j)) fParamEstimates[static_cast<std::size_t>(j)] = 0.0;
+      if (!fInitRedunInfo.Test(j)) fParamEstimates[static_cast<std::size_t>(j)] = 0.0;
   } else {
     InitialBeta();
     if (fStatus.IsError()) return;
@@ -765,18 +859,29 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
   std::unique_ptr<IGZLDevianceFunc> deviance(
       CreateDevianceFunction(dist, dist == TQConst::DistNegBinomial ? fK : s.GetDistParam()));
   std::unique_ptr<IGZLPearsonFunc> pearson(CreatePearsonFunction(dist));
-  if (!link || !var || !ll || !deviance || !pearson) return TQStatus::Error(GZLStatusCode::CantBuildModel);
+  const bool multinomial = s.IsMultinomial();
+  if (!link || (!var && !multinomial) || !ll || !deviance || !pearson)
+    return TQStatus::Error(GZLStatusCode::CantBuildModel);
   if (dist == TQConst::DistNegBinomial) deviance->SetParam(fK);
 
   if (!fpSource->RestartPass()) return TQStatus::Error(GZLStatusCode::NewPass);
   if (IsCancelled()) return TQStatus::Error(1);
   ll->Reset(fPhi);
+  // The Lagrange multiplier test of a fixed scale or k, or of Poisson overdispersion, over the
+  // records of this pass; multinomial models have neither a scale nor k to test.
+  if (!multinomial)
+    fpLMTest = CreateLagrangeMultiplierTest(s, fNParams, fInitRedunInfo, fPhi, fK, fpSource->GetNumObservations(),
+                                            *ll, *link, *var);
+  int bad = 0;
+  double spread = 0.0;
+  if (multinomial) {
+    const TQStatus st = MultinomialFitStatistics(*deviance, *pearson);
+    if (st.IsError()) return st;
+  }
   const bool binarySingle = s.IsSingleDependentForBinomial();
   const double eventValue = s.GetDependentRefCateg() == 0 ? 1.0 : 0.0;
   const std::size_t P = static_cast<std::size_t>(fNParams);
-  double spread = 0.0;
-  int bad = 0;
-  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+  while (const GZLDesignRow* row = multinomial ? nullptr : fpSource->GetNextRow()) {
     if (row->fbInvalid || row->fValues.size() != P) {
       ++bad;
     } else {
@@ -796,6 +901,7 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
         // The scale weight of an events/trials response already carries the trials.
         deviance->AddDeviance(mu, y, f, w, 1.0);
         pearson->AddPearson(y, mu, var->GetVariance(mu), f, w, 1.0);
+        if (fpLMTest) fpLMTest->UpdateForRow(*row, y, mu);
         ll->AddConstant(y, f, w, trials, events);
         if (!TQMV::IsMissing(fMeanFitted)) spread += (mu - fMeanFitted) * (mu - fMeanFitted);
       }
@@ -804,7 +910,8 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
   }
   fDeviance = deviance->GetDeviance();
   fPearson = pearson->GetPearson();
-  fLLConstant = ll->GetNonKernel();
+  // The multinomial log-likelihood has no constant: the kernel is the full log-likelihood.
+  fLLConstant = multinomial ? 0.0 : ll->GetNonKernel();
   if (TQMV::IsMissingOrInfinite(fLLConstant)) {
     fLLConstant = TQMV::Missing;
     result = TQStatus::Warning(GZLStatusCode::DeviancePearsonConstLikelihoodMissing);
@@ -818,7 +925,9 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
     if (fixedScale > 0.0 && !TQMV::IsMissing(fixedScale)) {
       fPhi = fixedScale;
     } else {
-      const double df = N - fInitRedunInfo.Count() - (fbUpdateK ? 1.0 : 0.0);
+      // A multinomial record counts once per non-reference category.
+      const double records = multinomial ? (s.GetDependentSize() - 1) * N : N;
+      const double df = records - fInitRedunInfo.Count() - (fbUpdateK ? 1.0 : 0.0);
       if (df == 0.0) {
         result = TQStatus::Warning(GZLStatusCode::DegreeFreedomIsZero);
         AddWarning(result);
@@ -857,13 +966,49 @@ TQStatus GZLOptimizerForGZLM::PostEstimation(double fixedScale) {
   } else {
     fKernelLLScaleFixed = fKernelLL;
   }
-  // The Lagrange multiplier test of a fixed scale or k is computed by its own step; its
-  // figures stay missing here.
+  if (fpLMTest) {
+    fLMChiSquare = fpLMTest->GetStatistic();
+    fLMSig = fpLMTest->GetSignificance();
+    fLMDF = fpLMTest->GetDF();
+    fLMSigLessZero = fpLMTest->GetSigLessZero();
+    fLMSigGreaterZero = fpLMTest->GetSigGreaterZero();
+    fLMSigNonDir = fpLMTest->GetSigNonDir();
+    if (dist == TQConst::DistInvGaussian && fbPerfectFit) fLMChiSquare = fLMSig = TQMV::Missing;
+  }
   fFullLL = TQMV::IsMissing(fLLConstant) || TQMV::IsMissing(fKernelLL) ? TQMV::Missing : fKernelLL + fLLConstant;
   fFullLLScaleFixed = TQMV::IsMissing(fLLConstant) || TQMV::IsMissing(fKernelLLScaleFixed)
                           ? TQMV::Missing
                           : fKernelLLScaleFixed + fLLConstant;
   return result;
+}
+
+TQStatus GZLOptimizerForGZLM::MultinomialFitStatistics(IGZLDevianceFunc& deviance, IGZLPearsonFunc& pearson) {
+  const bool ordinal = fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial;
+  const std::vector<double>& beta = GetScaledParamEstimates();
+  // Pattern weights come by category code; the probabilities in the model's order.
+  std::vector<int> categories;
+  std::vector<double> counts, offsets;
+  fpSource->GetResponseCategories(categories, counts, offsets);
+  std::vector<double> pi, observed;
+  while (const GZLDesignRow* row = fpSource->GetNextPatternRow()) {
+    if (!row->fbInvalid && fpStatFactory->ComputeCategoryProbabilities(*row, beta, pi) &&
+        pi.size() == categories.size()) {
+      observed.assign(pi.size(), 0.0);
+      for (std::size_t k = 0; k < categories.size(); ++k) {
+        const std::size_t code = static_cast<std::size_t>(categories[k]);
+        if (code < row->fCategoryWeights.size()) observed[k] = row->fCategoryWeights[code];
+      }
+      if (ordinal) {
+        deviance.AddDevianceOrdinal(observed, pi, row->fPatternTotal);
+        pearson.AddPearsonOrdinal(observed, pi, row->fPatternTotal);
+      } else {
+        deviance.AddDevianceNominal(observed, pi, row->fPatternTotal);
+        pearson.AddPearsonNominal(observed, pi, row->fPatternTotal);
+      }
+    }
+    if (IsCancelled()) return TQStatus::Error(1);
+  }
+  return TQStatus();
 }
 
 void GZLOptimizerForGZLM::Display() const {

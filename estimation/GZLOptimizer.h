@@ -29,6 +29,9 @@
 #include "support/TQSymMatrix.h"
 
 class IGZLRowSource;
+class IGZLDevianceFunc;
+class IGZLLagrangeMultiplierTest;
+class IGZLPearsonFunc;
 class GZLStatFactory;
 class ProgressListener;
 class TQQueryCancel;
@@ -117,6 +120,11 @@ class GZLOptimizer {
   double GetLagrangeMultChiSquare() const noexcept { return fLMChiSquare; }
   double GetLagrangeMultDF() const noexcept { return fLMDF; }
   double GetLagrangeMultSig() const noexcept { return fLMSig; }
+  // One-sided (alternative below or above the null value) and non-directional significances;
+  // missing unless the test defines them (the overdispersion test).
+  double GetLagrangeSigLessZero() const noexcept { return fLMSigLessZero; }
+  double GetLagrangeSigGreaterZero() const noexcept { return fLMSigGreaterZero; }
+  double GetLagrangeSigNonDir() const noexcept { return fLMSigNonDir; }
   // Records refused by the last pass (invalid for the link or the family).
   int GetNumBadRecords() const noexcept { return fNBadRecords; }
   // At least one pass refused a record, or no record was usable.
@@ -208,6 +216,9 @@ class GZLOptimizer {
   double fLMChiSquare = TQMV::Missing;
   double fLMDF = TQMV::Missing;
   double fLMSig = TQMV::Missing;
+  double fLMSigLessZero = TQMV::Missing;
+  double fLMSigGreaterZero = TQMV::Missing;
+  double fLMSigNonDir = TQMV::Missing;
   int fNBadRecords = 0;
   bool fbInvalidForLink = false;
   bool fbUseExpected = true;
@@ -264,6 +275,9 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
 
   GZLStatFactory& GetStatFactory() noexcept { return *fpStatFactory; }
   const GZLStatFactory& GetStatFactory() const noexcept { return *fpStatFactory; }
+  // The Lagrange multiplier test of the post-estimation step, or null when the model calls for
+  // none.
+  const IGZLLagrangeMultiplierTest* GetLagrangeMultiplierTest() const noexcept { return fpLMTest.get(); }
   IGZLRowSource& GetSource() const noexcept { return *fpSource; }
   void Display() const override;
 
@@ -272,6 +286,18 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   // k, and the starting pass.
   void ComputeInitialValues();
   void InitialBeta();
+  // The starting values of the ordinal and nominal multinomial models, from the weighted
+  // response counts (and offset totals) of the dictionary pass (fromHost: only the checks, the
+  // host's values are kept), and the redundancy of the design. 130018 when a declared response
+  // category never occurs.
+  void MultinomialStartingValues(bool fromHost);
+  // fInitRedunInfo from a sweep of the design rows' cross-products (with the host's starting
+  // values, and with the multinomial models' own): for an ordinal model the thresholds
+  // stand for a unit column before the row's, for a nominal model every logit repeats the
+  // columns' aliasing.
+  void DesignRedundancy();
+  // The deviance and Pearson chi-square of a multinomial model over its covariate patterns.
+  TQStatus MultinomialFitStatistics(IGZLDevianceFunc& deviance, IGZLPearsonFunc& pearson);
   void ClosedFormSolution();
   void IterationLoop();
   // One data pass at the current estimates: log-likelihood, gradient and information.
@@ -297,6 +323,7 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
 
   IGZLRowSource* fpSource;
   std::unique_ptr<GZLStatFactory> fpStatFactory;
+  std::unique_ptr<IGZLLagrangeMultiplierTest> fpLMTest;
   bool fbFirstInversion = true;
   int fReportCountdown = 0;
   bool fbReportDue = false;

@@ -4,6 +4,33 @@
 #include <cstddef>
 #include <vector>
 
+// A record split for the accumulators: a dense leading block x[0 .. lead-1] (the intercept and
+// covariates, in the model and seldom zero) and, in sparse form, the further parameters in the
+// model with a non-zero design value.
+//
+// The width of the leading block: taken from the first record of a pass, the part of the run
+// 0, 1, ..., leadCount-1 of in-model columns over which that record is non-zero.
+inline int GZLDenseLead(const double* x, int leadCount) noexcept {
+  int lead = 0;
+  while (lead < leadCount && x[lead] != 0.0) ++lead;
+  return lead;
+}
+// The sparse part: the in-model columns modelIndex[lead .. nModel-1] whose value is non-zero,
+// into idx / val; returns their number. Branch-free, because which factor level is set changes
+// from record to record.
+inline int GZLSparseTail(const double* __restrict x, const int* __restrict modelIndex, int nModel, int lead,
+                         int* __restrict idx, double* __restrict val) noexcept {
+  int m = 0;
+  for (int k = lead; k < nModel; ++k) {
+    const int j = modelIndex[k];
+    const double xj = x[j];
+    idx[m] = j;
+    val[m] = xj;
+    m += (xj != 0.0);
+  }
+  return m;
+}
+
 // packed += W v v' over the listed entries: indices increasing, values the non-zero entries,
 // rowStart[i] the offset of row i in the packed lower triangle. The leading indices 0, 1, 2, ...
 // that are all present (the intercept and a block of covariates, typically) occupy the first
@@ -85,6 +112,15 @@ class GZLBatchedRankOne {
 
   // Adds the pending records' leading blocks to the matrix.
   void Flush(double* packed) noexcept;
+
+  // to += from for two packed matrices of packedSize entries, each flushed of its pending
+  // records first: the merge of two accumulators of disjoint records.
+  static void AddFlushed(double* to, GZLBatchedRankOne& toBatch, double* from, GZLBatchedRankOne& fromBatch,
+                         std::size_t packedSize) noexcept {
+    toBatch.Flush(to);
+    fromBatch.Flush(from);
+    for (std::size_t i = 0; i < packedSize; ++i) to[i] += from[i];
+  }
 
  private:
   int fN = 0;

@@ -9,9 +9,10 @@
 #include "GZLProgress.h"
 #include "data/GZLDesignRow.h"
 #include "estimation/GZLLinearPredictor.h"
-#include "estimation/GZLPassWorker.h"
+#include "estimation/GZLNomAccumStats.h"
+#include "estimation/GZLOrdAccumStats.h"
 #include "estimation/GZLRankOne.h"
-#include "estimation/GZLRowPipeline.h"
+#include "estimation/GZLSharedPass.h"
 #include "estimation/IGZLRowSource.h"
 #include "families/GZLLogLikeFunc.h"
 #include "families/GZLVarianceFunctions.h"
@@ -111,6 +112,30 @@ GZLStatFactory::GZLStatFactory(IGZLRowSource& source, const GZLSettings& setting
   fpHessianFunc = std::make_unique<GZLHessianMatrix>(fNParams, extraLL, settings);
   if (fStatus.IsOK() && (!fpLinkFunc || !fpLogLikeFunc || (!fbMultinomial && !fpVarianceFunc)))
     fStatus = TQStatus::Error(GZLStatusCode::InternalError);
+  fRowWidth = fNParams;
+  if (fbMultinomial) {
+    const int C = settings.GetDependentSize();
+    if (fDistType == TQConst::DistOrdinalMultinomial) {
+      fRowWidth = std::max(fNParams - (C - 1), 0);
+      fpOrdAccum = std::make_unique<GZLOrdAccumStats>(settings, fNParams);
+      if (fStatus.IsOK() && fpOrdAccum->GetLink() == nullptr) fStatus = TQStatus::Error(GZLStatusCode::InternalError);
+    } else {
+      fRowWidth = C > 1 ? fNParams / (C - 1) : 0;
+      fpNomAccum = std::make_unique<GZLNomAccumStats>(fRowWidth, C);
+      // Response codes to the model's positions, the reference last.
+      std::vector<int> order;
+      std::vector<double> counts, offsets;
+      if (source.GetResponseCategories(order, counts, offsets)) {
+        fResponseMap.assign(static_cast<std::size_t>(std::max(C, 0)), -1);
+        for (std::size_t pos = 0; pos < order.size(); ++pos)
+          if (order[pos] >= 0 && order[pos] < C) fResponseMap[static_cast<std::size_t>(order[pos])] = static_cast<int>(pos);
+        // Positions must end at C - 1 with the reference; a category never observed leaves
+        // the reference short of its place, and the records of the last listed one invalid.
+        if (static_cast<int>(order.size()) != C) fResponseMap.assign(fResponseMap.size(), -1);
+      }
+      fpNomAccum->SetResponseMap(fResponseMap);
+    }
+  }
   fMain.indices.assign(static_cast<std::size_t>(fNParams), 0);
   fMain.values.assign(static_cast<std::size_t>(fNParams), 0.0);
   fMain.gradient = fpGradientFunc.get();
@@ -179,7 +204,24 @@ void GZLStatFactory::SetRedundancy(const TQBitSet& inModel) {
   fInitRedunInfo = inModel;
   fInitRedunInfo.Resize(fNParams, false);
   SetModelIndices();
+  for (GZLOrdAccumStats* a : {fpOrdAccum.get(), fpOrdAccumSecond.get()})
+    if (a != nullptr) a->SetRedundancy(fInitRedunInfo);
+  for (GZLNomAccumStats* a : {fpNomAccum.get(), fpNomAccumSecond.get()})
+    if (a != nullptr) a->SetRedundancy(fInitRedunInfo);
 }
+
+bool GZLStatFactory::ComputeCategoryProbabilities(const GZLDesignRow& row, const std::vector<double>& beta,
+                                                  std::vector<double>& pi) {
+  if (static_cast<int>(beta.size()) < fNParams) return false;
+  if (fpOrdAccum)
+    return fpOrdAccum->ComputeProbabilities(row.fValues.data(), row.fValues.size(), row.fOffset, beta.data(), pi);
+  if (fpNomAccum)
+    return fpNomAccum->ComputeProbabilities(row.fValues.data(), row.fValues.size(), row.fOffset, beta.data(), pi);
+  return false;
+}
+
+const GZLOrdAccumStats* GZLStatFactory::GetOrdinalAccumulator() const noexcept { return fpOrdAccum.get(); }
+const GZLNomAccumStats* GZLStatFactory::GetNominalAccumulator() const noexcept { return fpNomAccum.get(); }
 
 void GZLStatFactory::SetModelIndices() {
   fInitRedunInfo.GetSetIndices(fModelIndices);
@@ -249,24 +291,13 @@ inline bool GZLStatFactory::Step(const Row& row, const double* beta, bool llOnly
         // value. The block's width is that of the pass's first such record.
         GZLHessianMatrix& hessian = *share.hessian;
         if (share.lead < 0) {
-          share.lead = 0;
-          while (share.lead < fLeadCount && x[share.lead] != 0.0) ++share.lead;
+          share.lead = GZLDenseLead(x, fLeadCount);
           hessian.SetDenseLead(share.lead);
         }
         const int lead = share.lead;
         int* idx = share.indices.data();
         double* val = share.values.data();
-        int m = 0;
-        const int nModel = static_cast<int>(fModelIndices.size());
-        const int* modelIndex = fModelIndices.data();
-        // Branch-free: which factor level is set changes from record to record.
-        for (int k = lead; k < nModel; ++k) {
-          const int j = modelIndex[k];
-          const double xj = x[j];
-          idx[m] = j;
-          val[m] = xj;
-          m += (xj != 0.0);
-        }
+        const int m = GZLSparseTail(x, fModelIndices.data(), static_cast<int>(fModelIndices.size()), lead, idx, val);
         const double w = f * s;
         const double r = w * (y - mu) / (g1 * V * fPhi);
         share.gradient->UpdateForRow(x, lead, idx, val, m, r, pd);
@@ -348,61 +379,23 @@ bool GZLStatFactory::UseSecondThread() const noexcept {
 }
 
 bool GZLStatFactory::PrepareSecondThread() {
-  if (fpWorker && fpWorker->IsRunning()) return true;
+  if (fpSharing && fpSharing->IsStarted() && fpSecond) return true;
   try {
-    fpSecond = std::make_unique<PaddedShare>();
-    fpSecond->share.indices.assign(static_cast<std::size_t>(fNParams), 0);
-    fpSecond->share.values.assign(static_cast<std::size_t>(fNParams), 0.0);
-    fpSecondGradient = std::make_unique<GZLGradientVector>(*fpGradientFunc);
-    fpSecondHessian = std::make_unique<GZLHessianMatrix>(*fpHessianFunc);
-    fpSecond->share.gradient = fpSecondGradient.get();
-    fpSecond->share.hessian = fpSecondHessian.get();
-    fpPipeline = std::make_unique<GZLRowPipeline>(static_cast<std::size_t>(fNParams));
-    fpWorker = std::make_unique<GZLPassWorker>();
+    if (!fpSharing) fpSharing = std::make_unique<GZLSharedPass>(static_cast<std::size_t>(fRowWidth));
+    if (!fbMultinomial && !fpSecond) {
+      auto second = std::make_unique<PaddedShare>();
+      second->share.indices.assign(static_cast<std::size_t>(fNParams), 0);
+      second->share.values.assign(static_cast<std::size_t>(fNParams), 0.0);
+      fpSecondGradient = std::make_unique<GZLGradientVector>(*fpGradientFunc);
+      fpSecondHessian = std::make_unique<GZLHessianMatrix>(*fpHessianFunc);
+      second->share.gradient = fpSecondGradient.get();
+      second->share.hessian = fpSecondHessian.get();
+      fpSecond = std::move(second);
+    }
   } catch (...) {
-    fpWorker.reset();
     return false;
   }
-  if (!fpWorker->Start()) {
-    fpWorker.reset();
-    return false;
-  }
-  return true;
-}
-
-template <class Here, class There>
-bool GZLStatFactory::DealRows(Here& here, There& there, long keepEvery) {
-  struct Task {
-    GZLRowPipeline* rows;
-    There* there;
-    static void Run(void* context) {
-      // The function object is copied to the worker's own stack: the caller's stack lines keep
-      // changing under it, and reading them per row would stall both threads.
-      const Task t = *static_cast<const Task*>(context);
-      There fn = *t.there;
-      t.rows->Consume([&fn](const GZLFlatRow& row) { fn(row); });
-    }
-  };
-  GZLRowPipeline& pipeline = *fpPipeline;
-  pipeline.Restart();
-  Task task{&pipeline, &there};
-  fpWorker->Post(&Task::Run, &task);
-  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
-  bool cancelled = false;
-  long index = 0;
-  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
-    if (keepEvery > 0 && (index++ / GZLRowPipeline::kRowsPerBatch) % keepEvery == keepEvery - 1)
-      here(*row);
-    else
-      pipeline.Push(*row);
-    if (cancel != nullptr && cancel->IsCancelled()) {
-      cancelled = true;
-      break;
-    }
-  }
-  pipeline.Finish();
-  fpWorker->Wait();
-  return cancelled;
+  return fpSharing->Start() && (fbMultinomial || fpSecond);
 }
 
 template <class Link, class Var, class LL>
@@ -441,13 +434,72 @@ bool GZLStatFactory::RunRecordsShared(const double* beta, bool llOnly, bool useE
   // itself: the share that balances that work against the accumulation, whose cost grows with
   // the square of the number of parameters.
   const long keepEvery = fNParams >= 64 ? 2 : 4;
-  if (DealRows(here, there, keepEvery)) fMain.counts.cancelled = true;
+  if (fpSharing->Deal(*fpSource, fpSettings->GetCancelPointer(), here, there, keepEvery))
+    fMain.counts.cancelled = true;
   fMain.Merge(second);
   if (!llOnly) {
     fpGradientFunc->Merge(*fpSecondGradient);
     fpHessianFunc->Merge(*fpSecondHessian);
   }
   return true;
+}
+
+template <class Accum, class StepFn>
+bool GZLStatFactory::RunAccumulator(Accum& main, std::unique_ptr<Accum>& second, const StepFn& step, long keepEvery) {
+  TQQueryCancel* cancel = fpSettings->GetCancelPointer();
+  if (second && UseSecondThread() && PrepareSecondThread()) {
+    fbLastPassParallel = true;
+    return GZLRunSharedPass(*fpSharing, *fpSource, cancel, main, *second, step, keepEvery);
+  }
+  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+    step(main, *row);
+    if (IsCancelled(cancel)) return true;
+  }
+  return false;
+}
+
+template <class Link>
+bool GZLStatFactory::RunOrdinalRecords(const double* beta) {
+  const Link* link = static_cast<const Link*>(fpOrdAccum->GetLink());
+  auto step = [link, beta](GZLOrdAccumStats& accum, const auto& row) { accum.UpdateForRow(link, row, beta); };
+  // The beta block costs what a binary model's information does; the threshold rows add to it.
+  return RunAccumulator(*fpOrdAccum, fpOrdAccumSecond, step, fNParams >= 64 ? 2 : 3);
+}
+
+bool GZLStatFactory::RunMultinomialRecords(const double* beta, double phi, bool useExpected, bool llOnly) {
+  // The second thread's accumulator, made at the first pass that can use it.
+  const bool shared = UseSecondThread();
+  try {
+    if (shared && fpOrdAccum && !fpOrdAccumSecond) {
+      fpOrdAccumSecond = std::make_unique<GZLOrdAccumStats>(*fpSettings, fNParams);
+      fpOrdAccumSecond->SetRedundancy(fInitRedunInfo);
+    }
+    if (shared && fpNomAccum && !fpNomAccumSecond) {
+      fpNomAccumSecond = std::make_unique<GZLNomAccumStats>(fRowWidth, fpNomAccum->GetNCategories());
+      fpNomAccumSecond->SetResponseMap(fResponseMap);
+      fpNomAccumSecond->SetRedundancy(fInitRedunInfo);
+    }
+  } catch (...) {
+    // Without it the pass runs on the calling thread.
+  }
+  if (fpOrdAccum) {
+    fpOrdAccum->Clear(phi, useExpected, llOnly);
+    if (fpOrdAccumSecond) fpOrdAccumSecond->Clear(phi, useExpected, llOnly);
+    switch (fLinkType) {
+      case TQConst::LinkCumLogit: return RunOrdinalRecords<TQLinkCumLogit>(beta);
+      case TQConst::LinkCumProbit: return RunOrdinalRecords<TQLinkCumProbit>(beta);
+      case TQConst::LinkCumCLogLog: return RunOrdinalRecords<TQLinkCumCLogLog>(beta);
+      case TQConst::LinkCumNLogLog: return RunOrdinalRecords<TQLinkCumNLogLog>(beta);
+      case TQConst::LinkCumCauchit: return RunOrdinalRecords<TQLinkCumCauchit>(beta);
+      default: return RunOrdinalRecords<TQCumulativeLinkFunc>(beta);
+    }
+  }
+  fpNomAccum->Clear(llOnly);
+  if (fpNomAccumSecond) fpNomAccumSecond->Clear(llOnly);
+  auto step = [beta](GZLNomAccumStats& accum, const auto& row) { accum.UpdateForRow(row, beta); };
+  // The calling thread also reads the source and builds the rows: it keeps one batch in three,
+  // which balances that work against the blocks of the information (one per pair of logits).
+  return RunAccumulator(*fpNomAccum, fpNomAccumSecond, step, 3);
 }
 
 bool GZLStatFactory::UpdateForRow(const GZLDesignRow& row, const std::vector<double>& beta, bool llOnly) {
@@ -494,11 +546,6 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
   fSumMu = 0.0;
   fMain.Clear();
   fbLastPassParallel = false;
-  if (fbMultinomial) {
-    // The ordinal and nominal accumulators are not part of this build.
-    status = TQStatus::Error(GZLStatusCode::CantBuildModel);
-    return;
-  }
   if (fbTweedie) {
     auto* tweedie = dynamic_cast<GZLLogLikeTweedie*>(fpLogLikeFunc.get());
     const bool haveBoundaries = tweedie != nullptr && tweedie->HasIndexBoundaries() && phi == fBoundaryPhi;
@@ -522,6 +569,41 @@ void GZLStatFactory::ComputeLLGradHessian(TQStatus& status, const std::vector<do
   }
 
   const double* b = beta.data();
+  if (fbMultinomial) {
+    const bool cancelled = RunMultinomialRecords(b, phi, useExpected, llOnly);
+    const GZLRowTally& tally = fpOrdAccum ? fpOrdAccum->GetTally() : fpNomAccum->GetTally();
+    fNValid = tally.valid;
+    fNInvalid = tally.invalid;
+    fNFlagged = tally.flagged;
+    fMain.minP = tally.minP;
+    fMain.maxP = tally.maxP;
+    fMain.minPi = tally.minPi;
+    if (cancelled) {
+      status = TQStatus::Error(1);
+      return;
+    }
+    if (fNInvalid > 0 && fNValid == 0) {
+      status = TQStatus::Error(GZLStatusCode::AllInvalidRecordsForLinkFunction);
+      return;
+    }
+    fLogLikelihood = fpOrdAccum ? fpOrdAccum->GetLogLikelihood() : fpNomAccum->GetLogLikelihood();
+    fLogLikeConstant = fbComputeConstant ? 0.0 : TQMV::Missing;
+    if (TQMV::IsMissingOrInfinite(fLogLikelihood)) {
+      fLogLikelihood = TQMV::Missing;
+      status = TQStatus::Error(GZLStatusCode::CantBuildModel);
+      return;
+    }
+    if (!llOnly) {
+      if (fpOrdAccum) {
+        fGradient = fpOrdAccum->GetGradient();
+        fpOrdAccum->GetInformation(fHessian);
+      } else {
+        fGradient = fpNomAccum->GetGradient();
+        fpNomAccum->GetInformation(fHessian);
+      }
+    }
+    return;
+  }
   const bool shared = UseSecondThread();
   // The compiled step over the pass, with the second thread when it is wanted and starts.
   auto run = [&](auto* typedLink, auto* typedVar, auto* typedLL) {
@@ -627,6 +709,9 @@ void GZLStatFactory::Display() const {
   DisplayD("Smallest fitted probability of the observed category", fMain.minP);
   DisplayD("Largest fitted probability of the observed category", fMain.maxP);
   DisplayD("Smallest fitted probability", fMain.minPi);
+  if (fpOrdAccum) fpOrdAccum->Display();
+  if (fpNomAccum) fpNomAccum->Display();
+  if (fpSharing) fpSharing->Display();
   DisplayText(1, "GZLStatFactory display end");
 }
 
@@ -765,9 +850,11 @@ double GZLStatFactory::ComputeInitialScale(TQStatus& status, const std::vector<d
   return sum / counted;
 }
 
-void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts) {
+void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts, bool leadingOne) {
   status.Clear();
-  crossProducts = TQSymMatrix(fNParams);
+  const std::size_t width = static_cast<std::size_t>(fRowWidth);
+  const std::size_t first = leadingOne ? 1 : 0;
+  crossProducts = TQSymMatrix(static_cast<int>(width + first));
   if (!fpSource->RestartPass()) {
     status = TQStatus::Error(GZLStatusCode::NewPass);
     return;
@@ -777,10 +864,16 @@ void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossPr
     status = TQStatus::Error(1);
     return;
   }
-  const std::size_t P = static_cast<std::size_t>(fNParams);
+  std::vector<double> x(width + first, 1.0);
   while (const GZLDesignRow* row = fpSource->GetNextRow()) {
-    if (!row->fbInvalid && row->fValues.size() == P)
-      crossProducts.UpdateXX(row->fValues, row->fFreqWeight * row->fScaleWeight);
+    if (!row->fbInvalid && row->fValues.size() == width) {
+      if (leadingOne) {
+        std::copy(row->fValues.begin(), row->fValues.end(), x.begin() + 1);
+        crossProducts.UpdateXX(x, row->fFreqWeight * row->fScaleWeight);
+      } else {
+        crossProducts.UpdateXX(row->fValues, row->fFreqWeight * row->fScaleWeight);
+      }
+    }
     if (IsCancelled(cancel)) {
       status = TQStatus::Error(1);
       return;

@@ -3,18 +3,22 @@
 // its gradient and the information matrix over all valid records, extended by the row of
 // theta = log(phi) or log(k) when the scale or the negative binomial k is estimated by maximum
 // likelihood. The same pass gathers the fitted-probability extremes on which the separation
-// check of binary models rests.
+// check of binary and multinomial models rests.
 //
 // The factory owns the link, variance and log-likelihood function objects of the model and the
 // two accumulators. The per-record step is compiled once per common distribution/link pair
 // against the concrete function classes (no virtual dispatch, no allocation, no settings lookup
-// in the record loop); other pairs go through the abstract interfaces.
+// in the record loop); other pairs go through the abstract interfaces. Ordinal and nominal
+// multinomial models hand their rows to accumulators of their own (GZLOrdAccumStats, compiled
+// per cumulative link, and GZLNomAccumStats). Large passes share their rows with a second thread
+// through GZLSharedPass.
 #include <cfloat>
 #include <cmath>
 #include <memory>
 #include <vector>
 
 #include "GZLSettings.h"
+#include "estimation/GZLCompensatedSum.h"
 #include "estimation/GZLGradientVector.h"
 #include "estimation/GZLHessianMatrix.h"
 #include "support/TQBitSet.h"
@@ -25,28 +29,10 @@ class ITQLinkFunc;
 class IGZLVarianceFunc;
 class IGZLLogLikeFunc;
 class IGZLRowSource;
-class GZLPassWorker;
-class GZLRowPipeline;
+class GZLSharedPass;
+class GZLOrdAccumStats;
+class GZLNomAccumStats;
 struct GZLDesignRow;
-
-// A running sum with Neumaier's compensation: its error stays near one rounding of the total
-// however many terms it takes.
-struct GZLCompensatedSum {
-  double sum = 0.0;
-  double compensation = 0.0;
-  void Clear() noexcept { sum = compensation = 0.0; }
-  void Add(double x) noexcept {
-    const double t = sum + x;
-    compensation += std::fabs(sum) >= std::fabs(x) ? (sum - t) + x : (x - t) + sum;
-    sum = t;
-  }
-  double Get() const noexcept { return sum + compensation; }
-  // Another sum's terms, as if they had been added here (up to one rounding).
-  void Merge(const GZLCompensatedSum& other) noexcept {
-    Add(other.sum);
-    compensation += other.compensation;
-  }
-};
 
 class GZLStatFactory {
  public:
@@ -64,9 +50,10 @@ class GZLStatFactory {
 
   // One full data pass at beta (P values; a longer vector is cut to P) and phi. llOnly: only the
   // log-likelihood. plainMatrices: hand out the P-sized gradient and information even when the
-  // extra parameter is estimated. Errors: 130089 (source cannot rewind), 1 (cancelled), 130073
-  // (no valid record), 130018 (log-likelihood missing, or a multinomial model, whose accumulators
-  // are not available in this build).
+  // extra parameter is estimated. Ordinal and nominal multinomial models go through their own
+  // accumulators (thresholds first for the ordinal model, logit-major blocks for the nominal
+  // one). Errors: 130089 (source cannot rewind), 1 (cancelled), 130073 (no valid record),
+  // 130018 (log-likelihood missing).
   void ComputeLLGradHessian(TQStatus& status, const std::vector<double>& beta, double phi, bool useExpected,
                             bool llOnly, bool plainMatrices);
 
@@ -90,8 +77,9 @@ class GZLStatFactory {
   // (g(y) - o - x'beta)^2 (f s / V(y)) (1/g'(y))^2; 0 when nothing counted. `skipped` gets the
   // number of records that could not be used. 130018 when records were seen but none counted.
   double ComputeInitialScale(TQStatus& status, const std::vector<double>& beta, int& skipped);
-  // X'X of the complete rows, each weighted by f s.
-  void ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts);
+  // X'X of the complete rows (GetRowWidth columns), each weighted by f s; with leadingOne a
+  // unit column comes first (standing for the thresholds of an ordinal model).
+  void ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts, bool leadingOne = false);
   // Sum of f s (y - (o + x'beta))^2; a residual whose response and fitted value agree to 8 units
   // in the last place counts as 0.
   double ComputeResidualSS(TQStatus& status, const std::vector<double>& beta);
@@ -108,8 +96,8 @@ class GZLStatFactory {
   void SetComputeConstant(bool on) noexcept { fbComputeConstant = on; }
   // Force the generic record step (the compiled steps must give the same sums).
   void SetUseGenericStep(bool on) noexcept { fbForceGeneric = on; }
-  // A pass of a compiled step over at least this many observations shares its records with a
-  // second thread when the machine has two cores or more; the host's source is still read by
+  // A pass of a compiled step or of a multinomial accumulator over at least this many
+  // observations shares its records with a second thread when the machine has two cores or more; the host's source is still read by
   // the calling thread alone. Which records each thread takes depends only on their order, so
   // the sums do not vary from run to run (they differ from those of one thread by rounding).
   // A negative value keeps every pass on the calling thread.
@@ -119,6 +107,20 @@ class GZLStatFactory {
   bool WasLastPassParallel() const noexcept { return fbLastPassParallel; }
 
   StepKind GetStepKind() const noexcept { return fStepKind; }
+  // The accumulator of a multinomial model (null for other models), as the last pass left it.
+  const GZLOrdAccumStats* GetOrdinalAccumulator() const noexcept;
+  const GZLNomAccumStats* GetNominalAccumulator() const noexcept;
+  // Multinomial models: the fitted probability of every response category at one design row
+  // and beta (P values), in the model's order of the categories (ordinal: by category; nominal:
+  // the non-reference categories, then the reference). False for a row of the wrong length,
+  // another model, or an argument the link cannot take.
+  bool ComputeCategoryProbabilities(const GZLDesignRow& row, const std::vector<double>& beta,
+                                    std::vector<double>& pi);
+  // For the nominal model, the position of each response code in that order (-1: none).
+  const std::vector<int>& GetResponseMap() const noexcept { return fResponseMap; }
+  // Columns of a design row: P, less the thresholds of an ordinal model, or P / (C - 1) for a
+  // nominal model.
+  int GetRowWidth() const noexcept { return fRowWidth; }
 
   // ---- results of the last pass ----
   double GetLogLikelihood() const noexcept { return fLogLikelihood; }
@@ -195,14 +197,15 @@ class GZLStatFactory {
   bool RunRecordsShared(const double* beta, bool llOnly, bool useExpected);
   bool UseSecondThread() const noexcept;
   bool PrepareSecondThread();
-  // The rows of a pass (after RestartPass), read and built on this thread: those of one batch in
-  // `keepEvery` go to here(row) on this thread (a design row), the others to there(row) on the
-  // second thread (a row with the same members). `there` is copied to the second thread and
-  // writes through the pointers it holds; here and there must not share what they write. True
-  // when the host cancelled (polled per row, on this thread).
-  template <class Here, class There>
-  bool DealRows(Here& here, There& there, long keepEvery);
   TQStatus RunTweedieBoundaries(double phi);
+  // The pass of a multinomial model over its accumulators (the source restarted); true when
+  // the host cancelled.
+  bool RunMultinomialRecords(const double* beta, double phi, bool useExpected, bool llOnly);
+  // Over one accumulator kind, with the second thread when it is wanted and can be had.
+  template <class Accum, class StepFn>
+  bool RunAccumulator(Accum& main, std::unique_ptr<Accum>& second, const StepFn& step, long keepEvery);
+  template <class Link>
+  bool RunOrdinalRecords(const double* beta);
   void ResetSeparationStats() noexcept;
 
   IGZLRowSource* fpSource;
@@ -256,8 +259,14 @@ class GZLStatFactory {
   alignas(kCacheLine) std::unique_ptr<PaddedShare> fpSecond;
   std::unique_ptr<GZLGradientVector> fpSecondGradient;
   std::unique_ptr<GZLHessianMatrix> fpSecondHessian;
-  std::unique_ptr<GZLRowPipeline> fpPipeline;
-  std::unique_ptr<GZLPassWorker> fpWorker;
+  std::unique_ptr<GZLSharedPass> fpSharing;
+  // Multinomial models: the accumulators of the calling thread and of the second thread.
+  int fRowWidth = 0;
+  std::unique_ptr<GZLOrdAccumStats> fpOrdAccum;
+  std::unique_ptr<GZLOrdAccumStats> fpOrdAccumSecond;
+  std::unique_ptr<GZLNomAccumStats> fpNomAccum;
+  std::unique_ptr<GZLNomAccumStats> fpNomAccumSecond;
+  std::vector<int> fResponseMap;
   double fParallelThreshold = kDefaultParallelThreshold;
   unsigned fHardwareThreads = 1;
   bool fbLastPassParallel = false;

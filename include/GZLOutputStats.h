@@ -8,6 +8,7 @@
 // everything at construction: the getters only read, never recompute, and never fail; a
 // number that could not be computed is the missing-value marker (TQMV::Missing).
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "GZLConst_940.h"
@@ -110,9 +111,29 @@ class GZLOutputStats {
                                    std::vector<int>& levels, std::vector<GZLPairwiseRecord>& records) const;
   TQStatus GetPairwiseOverallTest(int spec, int test, std::vector<std::pair<int, int>>& others,
                                   TQTestStats& overall) const;
+  // Likelihood-ratio tests of model effects, one entry per effect in test order (empty when
+  // not computed): 7 values (chi-square, df, significance, F, its second df, its significance,
+  // deviance of the constrained fit; missing where they do not apply), the status and the
+  // stopping criterion of each effect's refit, and the status of the whole family (130086
+  // when not computed).
+  const std::vector<std::vector<double>>& GetTypeILRStats() const;
+  TQStatus GetTypeILRStatus() const;
+  const std::vector<TQStatus>& GetTypeILRStatusEff() const;
+  const std::vector<GZLConst_940::StoppingCriteria>& GetTypeILRStoppingCrits() const;
+  const std::vector<std::vector<double>>& GetTypeIIILRStats() const;
+  TQStatus GetTypeIIILRStatus() const;
+  const std::vector<TQStatus>& GetTypeIIILRStatusEff() const;
+  const std::vector<GZLConst_940::StoppingCriteria>& GetTypeIIILRStoppingCrits() const;
 
   // ---- profile intervals ----
+  // The intervals themselves replace the Wald limits of GetParamStats (parameter, scale and k
+  // rows). 130087 when none was computed.
   TQStatus GetPLCIStatus() const;
+  // Per profiled parameter (the regression parameters, then the scale or k when estimated):
+  // the lower end point's and the upper end point's status and stopping criterion.
+  const std::vector<std::pair<TQStatus, TQStatus>>& GetPLCIStatusForParam() const;
+  const std::vector<std::pair<GZLConst_940::StoppingCriteria, GZLConst_940::StoppingCriteria>>& GetPLCIStoppingCrits()
+      const;
 
   // ---- state ----
   GZLConst_940::StoppingCriteria GetEstimStopCriterion() const;

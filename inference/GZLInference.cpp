@@ -5,6 +5,7 @@
 #include "data/GZLDesignMatrix.h"
 #include "estimation/GZLOptimizer.h"
 #include "estimation/IGZLRowSource.h"
+#include "inference/GZLProfileLikelihoodCI.h"
 #include "support/TQDisplay_940.h"
 #include "support/TQDistFun.h"
 
@@ -33,10 +34,11 @@ void GZLInference::CountObservations(const GZLSettings& settings, const GZLOptim
     nObs = validRecords;
     sampleSize = nObs;
   } else if (settings.IsMultinomial()) {
-    // Each record contributes one observation per non-reference category.
+    // Each record contributes one observation per non-reference category to the degrees of
+    // freedom; the information criteria count records.
     const int c = design->GetNResponseCategories();
     nObs = (c - 1) * validRecords;
-    sampleSize = nObs;
+    sampleSize = validRecords;
   } else if (settings.IsEventsTrialsForBinomial()) {
     // Degrees of freedom count records; the criteria count Bernoulli trials.
     sampleSize = design->GetWeightedTrials();
@@ -218,6 +220,28 @@ TQRegrParameterStats GZLInference::ComputeAncillaryRow(double value, bool estima
     row.SetSignificance(TQMV::IsMissing(cdf) ? TQMV::Missing : 2.0 * (1.0 - cdf));
   }
   return row;
+}
+
+void GZLInference::ApplyProfileIntervals(const GZLProfileLikelihoodCI& profile) {
+  fPLCIStatus = profile.GetStatus();
+  const std::vector<double>& lower = profile.GetLowerBounds();
+  const std::vector<double>& upper = profile.GetUpperBounds();
+  const std::size_t p = lower.size();
+  for (std::size_t j = 0; j < p && j < fParamStats.size(); ++j) {
+    if (fParamStats[j].IsRedundant()) continue;
+    fParamStats[j].SetLowerBound(lower[j]);
+    fParamStats[j].SetUpperBound(upper[j]);
+  }
+  // The scale row follows the parameter rows, the k row the scale row.
+  if (fSettings.GetScaleType() == GZLConst_940::ScaleMLE && p < fParamStats.size()) {
+    fParamStats[p].SetLowerBound(profile.GetScaleLower());
+    fParamStats[p].SetUpperBound(profile.GetScaleUpper());
+  }
+  if (fSettings.GetDistType() == TQConst::DistNegBinomial &&
+      fSettings.GetDistParamType() == GZLConst_940::DistParamMLE && p + 1 < fParamStats.size()) {
+    fParamStats[p + 1].SetLowerBound(profile.GetKLower());
+    fParamStats[p + 1].SetUpperBound(profile.GetKUpper());
+  }
 }
 
 TQStatus GZLInference::SetEffectTestData(std::unique_ptr<GZLModelEffectTestData> data) {

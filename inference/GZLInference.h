@@ -18,6 +18,7 @@
 
 class GZLDesignMatrix;
 class GZLOptimizerForGZLM;
+class GZLProfileLikelihoodCI;
 class GEEOptimizer;
 
 class GZLInference {
@@ -93,6 +94,10 @@ class GZLInference {
   // Status of the profile-likelihood intervals; 130087 until they are computed.
   TQStatus GetPLCIStatus() const { return fPLCIStatus; }
   void SetPLCIStatus(TQStatus status) { fPLCIStatus = status; }
+  // The profile likelihood end points in place of the Wald intervals of the parameter rows (and
+  // of the scale and k rows when those are estimated), missing where not found; takes the
+  // status of the intervals.
+  void ApplyProfileIntervals(const GZLProfileLikelihoodCI& profile);
 
   // ---- Wald tests of model effects ----
   // Takes the shared data of the effect tests (layout and X'WX of the fit); returns its status.

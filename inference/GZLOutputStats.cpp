@@ -10,6 +10,8 @@
 #include "gee/GEEDesignMatrix.h"
 #include "gee/GEEOptimizer.h"
 #include "inference/GZLInference.h"
+#include "inference/GZLLRStats.h"
+#include "inference/GZLProfileLikelihoodCI.h"
 #include "inference/GZLOmnibusTest.h"
 #include "support/TQDisplay_940.h"
 #include "support/TQMV.h"
@@ -66,6 +68,23 @@ struct GZLOutputStats::Impl {
   double fOmnibusSig = TQMV::Missing;
   bool fbOmnibusFailedInitModel = false;
   TQStatus fPLCIStatus = TQStatus::Error(GZLStatusCode::NoValidPLCIStats);
+  std::vector<std::pair<TQStatus, TQStatus>> fPLCIStatusForParam;
+  std::vector<std::pair<GZLConst_940::StoppingCriteria, GZLConst_940::StoppingCriteria>> fPLCIStoppingCrits;
+  // Likelihood-ratio tests of model effects (type I, type III)
+  struct LRTests {
+    std::vector<std::vector<double>> stats;
+    TQStatus status = TQStatus::Error(GZLStatusCode::NoValidLRTests);
+    std::vector<TQStatus> statusEff;
+    std::vector<GZLConst_940::StoppingCriteria> criteria;
+    void CopyFrom(const GZLLRStatsBase* lr) {
+      if (lr == nullptr) return;
+      stats = lr->GetStats();
+      status = lr->GetStatus();
+      statusEff = lr->GetStatusEff();
+      criteria = lr->GetStoppingCrits();
+    }
+  };
+  LRTests fTypeILR, fTypeIIILR;
   // Wald tests of model effects (empty when not computed)
   TQModelTestStats fTypeIModelTestStats;
   TQModelTestStats fTypeIIIModelTestStats;
@@ -169,10 +188,19 @@ GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GZLAlgorithm& 
     m.fLagrangeMultDist = opt->GetLagrangeMultChiSquare();
     m.fLagrangeMultDF = opt->GetLagrangeMultDF();
     m.fLagrangeMultSig = opt->GetLagrangeMultSig();
+    m.fLagrangeSigLessZero = opt->GetLagrangeSigLessZero();
+    m.fLagrangeSigGreaterZero = opt->GetLagrangeSigGreaterZero();
+    m.fLagrangeSigNonDir = opt->GetLagrangeSigNonDir();
     m.fbPerfectFit = opt->IsPerfectFit();
   }
 
   if (const GZLInference* inf = algorithm.GetInference()) m.CopyInference(*inf);
+  if (const GZLProfileLikelihoodCI* profile = algorithm.GetProfileCI()) {
+    m.fPLCIStatusForParam = profile->GetStatusForParam();
+    m.fPLCIStoppingCrits = profile->GetStoppingCrits();
+  }
+  m.fTypeILR.CopyFrom(algorithm.GetTypeILRStats());
+  m.fTypeIIILR.CopyFrom(algorithm.GetTypeIIILRStats());
 
   if (const GZLOmnibusTest* omnibus = algorithm.GetOmnibusTest()) {
     m.fOmnibusDist = omnibus->GetDist();
@@ -323,6 +351,25 @@ const TQModelTestStats& GZLOutputStats::GetTypeIIITestStats() const { return fpI
 const TQModelTestStats& GZLOutputStats::GetCorrectedModelTest() const { return fpImpl->fCorrectedModelTest; }
 
 TQStatus GZLOutputStats::GetPLCIStatus() const { return fpImpl->fPLCIStatus; }
+const std::vector<std::pair<TQStatus, TQStatus>>& GZLOutputStats::GetPLCIStatusForParam() const {
+  return fpImpl->fPLCIStatusForParam;
+}
+const std::vector<std::pair<GZLConst_940::StoppingCriteria, GZLConst_940::StoppingCriteria>>&
+GZLOutputStats::GetPLCIStoppingCrits() const {
+  return fpImpl->fPLCIStoppingCrits;
+}
+const std::vector<std::vector<double>>& GZLOutputStats::GetTypeILRStats() const { return fpImpl->fTypeILR.stats; }
+TQStatus GZLOutputStats::GetTypeILRStatus() const { return fpImpl->fTypeILR.status; }
+const std::vector<TQStatus>& GZLOutputStats::GetTypeILRStatusEff() const { return fpImpl->fTypeILR.statusEff; }
+const std::vector<GZLConst_940::StoppingCriteria>& GZLOutputStats::GetTypeILRStoppingCrits() const {
+  return fpImpl->fTypeILR.criteria;
+}
+const std::vector<std::vector<double>>& GZLOutputStats::GetTypeIIILRStats() const { return fpImpl->fTypeIIILR.stats; }
+TQStatus GZLOutputStats::GetTypeIIILRStatus() const { return fpImpl->fTypeIIILR.status; }
+const std::vector<TQStatus>& GZLOutputStats::GetTypeIIILRStatusEff() const { return fpImpl->fTypeIIILR.statusEff; }
+const std::vector<GZLConst_940::StoppingCriteria>& GZLOutputStats::GetTypeIIILRStoppingCrits() const {
+  return fpImpl->fTypeIIILR.criteria;
+}
 
 // ---- state: read from the algorithm's current optimizer ----
 namespace {

@@ -3,7 +3,7 @@
 # Idempotent and non-interactive; run as root (or through sudo).
 set -euo pipefail
 PKGS=(build-essential cmake libboost-dev libgtest-dev libgmock-dev googletest
-      libbenchmark-dev libcli11-dev nlohmann-json3-dev libpugixml-dev)
+      libbenchmark-dev libcli11-dev nlohmann-json3-dev libpugixml-dev libxml2-utils)
 missing=()
 for p in "${PKGS[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

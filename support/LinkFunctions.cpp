@@ -68,15 +68,6 @@ inline double LogitD2(double mu) noexcept {
   const double h = mu * (1.0 - mu);
   return (2.0 * mu - 1.0) / (h * h);
 }
-inline double LogisticDensity(double x) noexcept {
-  const double e = std::exp(-std::fabs(x));
-  const double d = 1.0 + e;
-  return e / (d * d);
-}
-inline double LogisticDensityDeriv(double x) noexcept {
-  // f' = f (1 - 2F) = -f tanh(x/2)
-  return -LogisticDensity(x) * std::tanh(0.5 * x);
-}
 
 // ---- complementary log-log: F(x) = 1 - exp(-exp(x)) ----------------------------------------
 
@@ -92,16 +83,6 @@ inline double CLogLogD2(double mu) noexcept {
   const double l = -std::log1p(-mu);
   const double c = (1.0 - mu) * l;
   return (l - 1.0) / (c * c);
-}
-inline double CLogLogDensity(double x) noexcept {
-  if (x > kExpCap) return 0.0;
-  const double e = std::exp(x);
-  return std::exp(x - e);
-}
-inline double CLogLogDensityDeriv(double x) noexcept {
-  if (x > kExpCap) return 0.0;
-  const double e = std::exp(x);
-  return std::exp(x - e) * (1.0 - e);
 }
 
 // ---- negative log-log: F(x) = exp(-exp(-x)) ------------------------------------------------
@@ -119,22 +100,11 @@ inline double NLogLogD2(double mu) noexcept {
   const double c = mu * l;
   return (1.0 - l) / (c * c);
 }
-inline double NLogLogDensity(double x) noexcept {
-  if (-x > kExpCap) return 0.0;
-  const double e = std::exp(-x);
-  return std::exp(-x - e);
-}
-inline double NLogLogDensityDeriv(double x) noexcept {
-  if (-x > kExpCap) return 0.0;
-  const double e = std::exp(-x);
-  return std::exp(-x - e) * (e - 1.0);
-}
 
 // ---- probit ----------------------------------------------------------------------------------
 
 inline double NormCdf(double x) noexcept { return 0.5 * std::erfc(-x * kInvSqrt2); }
 inline double NormDensity(double x) noexcept { return kInvSqrt2Pi * std::exp(-0.5 * x * x); }
-inline double NormDensityDeriv(double x) noexcept { return -x * NormDensity(x); }
 // Phi^-1(mu) for mu in (0, 1).
 inline double NormQuantile(double mu) noexcept {
   return -kSqrt2 * boost::math::erfc_inv(2.0 * mu, QuietPolicy());
@@ -165,11 +135,74 @@ inline double CauchitD2(double mu) noexcept {
   const double x = CauchyQuantile(mu);
   return 2.0 * kPi * kPi * x * (1.0 + x * x);
 }
-inline double CauchyDensity(double x) noexcept { return 1.0 / (kPi * (1.0 + x * x)); }
-inline double CauchyDensityDeriv(double x) noexcept {
-  const double q = 1.0 + x * x;  // may overflow to infinity far out, where the result is 0
-  const double u = x / q;
-  return -2.0 * u / (kPi * q);
+
+// ---- both tails, density and its derivative at once (cumulative links) ----------------------
+// Each fills lower = F(x), upper = 1 - F(x), density = F'(x), densityDeriv = F''(x) for a finite
+// x; the smaller tail is always computed directly, never as 1 minus the larger.
+
+inline void LogisticPoint(double x, TQCumulativePoint& p) noexcept {
+  const double e = std::exp(-std::fabs(x));
+  const double d = 1.0 + e;
+  const double small = e / d, big = 1.0 / d;
+  p.lower = x >= 0.0 ? big : small;
+  p.upper = x >= 0.0 ? small : big;
+  p.density = small / d;
+  // F'' = F' (1 - 2F) = -sign(x) F' tanh(|x|/2), the tanh without cancellation near 0.
+  const double t = -std::expm1(-std::fabs(x)) / d;
+  p.densityDeriv = x >= 0.0 ? -p.density * t : p.density * t;
+}
+
+inline void NormPoint(double x, TQCumulativePoint& p) noexcept {
+  const double tail = 0.5 * std::erfc(std::fabs(x) * kInvSqrt2);
+  p.lower = x >= 0.0 ? 1.0 - tail : tail;
+  p.upper = x >= 0.0 ? tail : 1.0 - tail;
+  p.density = NormDensity(x);
+  p.densityDeriv = -x * p.density;
+}
+
+// F(x) = 1 - exp(-exp(x)): with e = exp(x), 1 - F = exp(-e) and F' = e (1 - F).
+inline void CLogLogPoint(double x, TQCumulativePoint& p) noexcept {
+  const double e = std::exp(x < kExpCap ? x : kExpCap);
+  p.upper = std::exp(-e);
+  p.lower = -std::expm1(-e);
+  p.density = e * p.upper;
+  p.densityDeriv = p.density * (1.0 - e);
+}
+
+// F(x) = exp(-exp(-x)): the mirror image of the complementary log-log.
+inline void NLogLogPoint(double x, TQCumulativePoint& p) noexcept {
+  const double e = std::exp(-x < kExpCap ? -x : kExpCap);
+  p.lower = std::exp(-e);
+  p.upper = -std::expm1(-e);
+  p.density = e * p.lower;
+  p.densityDeriv = p.density * (e - 1.0);
+}
+
+// Cauchy: beyond |x| = 1 the density and its derivative are written in r = 1/x, so that x^2
+// never overflows.
+inline void CauchyPoint(double x, TQCumulativePoint& p) noexcept {
+  p.lower = CauchyCdf(x);
+  p.upper = CauchyCdf(-x);
+  if (std::fabs(x) <= 1.0) {
+    const double q = 1.0 + x * x;
+    p.density = 1.0 / (kPi * q);
+    p.densityDeriv = -2.0 * x / (kPi * q * q);
+  } else {
+    const double r = 1.0 / x;
+    const double q = 1.0 + r * r;
+    p.density = r * r / (kPi * q);
+    p.densityDeriv = -2.0 * r * r * r / (kPi * q * q);
+  }
+}
+
+// The end points of the scale: F = 0 below, 1 above, no density.
+inline bool InfinitePoint(double x, TQCumulativePoint& p) noexcept {
+  if (!std::isinf(x)) return false;
+  p.lower = x > 0.0 ? 1.0 : 0.0;
+  p.upper = 1.0 - p.lower;
+  p.density = 0.0;
+  p.densityDeriv = 0.0;
+  return true;
 }
 
 }  // namespace
@@ -195,14 +228,15 @@ inline double CauchyDensityDeriv(double x) noexcept {
     return Finite(status, D2(mu));                                         \
   }
 
-#define DEFINE_DENSITY(Class, Dens, DensDeriv)                              \
+// The density and its derivative of a cumulative link, from its full evaluation at x.
+#define DEFINE_DENSITY(Class)                                               \
   double Class::GetDensity(double x) const {                               \
-    if (BadArg(x)) return TQMV::Missing;                                   \
-    return Dens(x);                                                        \
+    TQCumulativePoint p;                                                   \
+    return (!BadArg(x) && Evaluate(x, p)) ? p.density : TQMV::Missing;     \
   }                                                                        \
   double Class::GetDensityDeriv(double x) const {                          \
-    if (BadArg(x)) return TQMV::Missing;                                   \
-    return DensDeriv(x);                                                   \
+    TQCumulativePoint p;                                                   \
+    return (!BadArg(x) && Evaluate(x, p)) ? p.densityDeriv : TQMV::Missing; \
   }
 
 DEFINE_PROB_LINK(TQLinkCLogLog, CLogLogCdf, CLogLogEta, CLogLogD1, CLogLogD2)
@@ -216,14 +250,28 @@ DEFINE_PROB_LINK(TQLinkCumLogit, Logistic, LogitEta, LogitD1, LogitD2)
 DEFINE_PROB_LINK(TQLinkCumNLogLog, NLogLogCdf, NLogLogEta, NLogLogD1, NLogLogD2)
 DEFINE_PROB_LINK(TQLinkCumProbit, NormCdf, NormQuantile, ProbitD1, ProbitD2)
 
-DEFINE_DENSITY(TQLinkCumCauchit, CauchyDensity, CauchyDensityDeriv)
-DEFINE_DENSITY(TQLinkCumCLogLog, CLogLogDensity, CLogLogDensityDeriv)
-DEFINE_DENSITY(TQLinkCumLogit, LogisticDensity, LogisticDensityDeriv)
-DEFINE_DENSITY(TQLinkCumNLogLog, NLogLogDensity, NLogLogDensityDeriv)
-DEFINE_DENSITY(TQLinkCumProbit, NormDensity, NormDensityDeriv)
+#define DEFINE_POINT(Class, Point)                                          \
+  bool Class::Evaluate(double x, TQCumulativePoint& point) const {         \
+    if (TQMV::IsMissing(x)) return false;                                  \
+    if (!InfinitePoint(x, point)) Point(x, point);                         \
+    return true;                                                           \
+  }
+
+DEFINE_POINT(TQLinkCumCauchit, CauchyPoint)
+DEFINE_POINT(TQLinkCumCLogLog, CLogLogPoint)
+DEFINE_POINT(TQLinkCumLogit, LogisticPoint)
+DEFINE_POINT(TQLinkCumNLogLog, NLogLogPoint)
+DEFINE_POINT(TQLinkCumProbit, NormPoint)
+
+DEFINE_DENSITY(TQLinkCumCauchit)
+DEFINE_DENSITY(TQLinkCumCLogLog)
+DEFINE_DENSITY(TQLinkCumLogit)
+DEFINE_DENSITY(TQLinkCumNLogLog)
+DEFINE_DENSITY(TQLinkCumProbit)
 
 #undef DEFINE_PROB_LINK
 #undef DEFINE_DENSITY
+#undef DEFINE_POINT
 
 // ============================================================================================
 // Identity: eta = mu on the whole real line.

@@ -151,6 +151,17 @@ class TQLinkProbit final : public TQLinkFuncBase {
   double GetSecondDeriv(double mu, int* status) const override;
 };
 
+// What the ordinal likelihood needs of a cumulative link at one argument x: F(x), 1 - F(x),
+// the density F'(x) and its derivative F''(x). The two tails are computed each on its own (1 - F
+// is never formed by subtraction), so that both keep their relative precision however far out x
+// lies; nothing is clamped. An infinite x stands for the end of the scale: F = 0 or 1, density 0.
+struct TQCumulativePoint {
+  double lower = 0.0;
+  double upper = 1.0;
+  double density = 0.0;
+  double densityDeriv = 0.0;
+};
+
 // Cumulative links: GetMu(x) = F(x) for the argument x = threshold - linear predictor.
 class TQCumulativeLinkFunc : public TQLinkFuncBase {
  public:
@@ -159,6 +170,14 @@ class TQCumulativeLinkFunc : public TQLinkFuncBase {
   // missing argument.
   virtual double GetDensity(double x) const = 0;
   virtual double GetDensityDeriv(double x) const = 0;
+  // F, 1 - F, F' and F'' at x; false (point untouched) for a missing or NaN argument.
+  virtual bool Evaluate(double x, TQCumulativePoint& point) const = 0;
+
+  // F(hi) - F(lo) for lo <= hi, taken in the tail where it does not cancel: the difference of
+  // the upper tails when both points lie above the median.
+  static double IntervalProb(const TQCumulativePoint& lo, const TQCumulativePoint& hi) noexcept {
+    return lo.lower >= 0.5 ? lo.upper - hi.upper : hi.lower - lo.lower;
+  }
 };
 
 class TQLinkCumCauchit final : public TQCumulativeLinkFunc {
@@ -170,6 +189,7 @@ class TQLinkCumCauchit final : public TQCumulativeLinkFunc {
   double GetSecondDeriv(double mu, int* status) const override;
   double GetDensity(double x) const override;
   double GetDensityDeriv(double x) const override;
+  bool Evaluate(double x, TQCumulativePoint& point) const override;
 };
 
 class TQLinkCumCLogLog final : public TQCumulativeLinkFunc {
@@ -181,6 +201,7 @@ class TQLinkCumCLogLog final : public TQCumulativeLinkFunc {
   double GetSecondDeriv(double mu, int* status) const override;
   double GetDensity(double x) const override;
   double GetDensityDeriv(double x) const override;
+  bool Evaluate(double x, TQCumulativePoint& point) const override;
 };
 
 class TQLinkCumLogit final : public TQCumulativeLinkFunc {
@@ -192,6 +213,7 @@ class TQLinkCumLogit final : public TQCumulativeLinkFunc {
   double GetSecondDeriv(double mu, int* status) const override;
   double GetDensity(double x) const override;
   double GetDensityDeriv(double x) const override;
+  bool Evaluate(double x, TQCumulativePoint& point) const override;
 };
 
 class TQLinkCumNLogLog final : public TQCumulativeLinkFunc {
@@ -203,6 +225,7 @@ class TQLinkCumNLogLog final : public TQCumulativeLinkFunc {
   double GetSecondDeriv(double mu, int* status) const override;
   double GetDensity(double x) const override;
   double GetDensityDeriv(double x) const override;
+  bool Evaluate(double x, TQCumulativePoint& point) const override;
 };
 
 class TQLinkCumProbit final : public TQCumulativeLinkFunc {
@@ -214,4 +237,5 @@ class TQLinkCumProbit final : public TQCumulativeLinkFunc {
   double GetSecondDeriv(double mu, int* status) const override;
   double GetDensity(double x) const override;
   double GetDensityDeriv(double x) const override;
+  bool Evaluate(double x, TQCumulativePoint& point) const override;
 };

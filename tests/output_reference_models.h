@@ -3,7 +3,9 @@
 // as an in-memory record source.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -20,6 +22,14 @@
 namespace output_test {
 
 inline std::string RefDir() { return std::string(GZL_TEST_DATA_DIR) + "/reference"; }
+
+// The case files of a reference folder, in name order.
+inline std::vector<std::string> CaseFiles(const std::string& folder) {
+  std::vector<std::string> files;
+  for (const auto& e : std::filesystem::directory_iterator(RefDir() + "/" + folder)) files.push_back(e.path().string());
+  std::sort(files.begin(), files.end());
+  return files;
+}
 
 // Agreement with a reference figure: to a relative `rel`, or to an absolute `nearZero` for
 // figures below 1e-3 in size.
@@ -53,6 +63,7 @@ class TableSource : public IGZLRecordSource {
   TableSource(std::vector<std::string> names, std::vector<std::vector<double>> rows)
       : fNames(std::move(names)), fRows(std::move(rows)) {}
 
+  const std::vector<std::string>& Names() const { return fNames; }
   int Column(const std::string& name) const {
     for (size_t i = 0; i < fNames.size(); ++i)
       if (fNames[i] == name) return static_cast<int>(i);
@@ -114,15 +125,17 @@ struct ReferenceCase {
   std::string problem;
 };
 
-// dataDir: the folder of the case's data file (the reference data folder when empty).
+// dataDir: the folder of the case's data file (the reference data folder when empty); a
+// levels.json there gives the number of categories of a multinomial response.
 inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double tolerance = 1e-10,
                                                const std::string& dataDir = "") {
   auto c = std::make_unique<ReferenceCase>();
   c->name = j["name"];
   c->model = j["model"];
   c->expected = j["expected"];
-  c->source = std::make_unique<TableSource>((dataDir.empty() ? RefDir() + "/data" : dataDir) + "/" +
-                                            j["data"].get<std::string>());
+  const std::string dataFolder = dataDir.empty() ? RefDir() + "/data" : dataDir;
+  const std::string dataFile = j["data"].get<std::string>();
+  c->source = std::make_unique<TableSource>(dataFolder + "/" + dataFile);
   const auto& m = c->model;
   TableSource& src = *c->source;
   GZLSettings& s = c->settings;
@@ -139,12 +152,15 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double t
   static const std::map<std::string, TQConst::DistType> dists{
       {"normal", TQConst::DistNormal},       {"binomial", TQConst::DistBinomial}, {"gamma", TQConst::DistGamma},
       {"invgauss", TQConst::DistInvGaussian}, {"negbin", TQConst::DistNegBinomial}, {"poisson", TQConst::DistPoisson},
-      {"tweedie", TQConst::DistTweedie}};
+      {"tweedie", TQConst::DistTweedie},    {"ordinal", TQConst::DistOrdinalMultinomial},
+      {"nominal", TQConst::DistNominalMultinomial}};
   static const std::map<std::string, TQConst::LinkType> links{
       {"cloglog", TQConst::LinkCLogLog}, {"identity", TQConst::LinkIdentity}, {"log", TQConst::LinkLog},
       {"logc", TQConst::LinkLogC},       {"logit", TQConst::LinkLogit},       {"negbin", TQConst::LinkNegBinomial},
       {"loglog", TQConst::LinkNLogLog},  {"oddspower", TQConst::LinkOddsPower}, {"power", TQConst::LinkPower},
-      {"probit", TQConst::LinkProbit}};
+      {"probit", TQConst::LinkProbit},   {"cumcauchit", TQConst::LinkCumCauchit},
+      {"cumcloglog", TQConst::LinkCumCLogLog}, {"cumlogit", TQConst::LinkCumLogit},
+      {"cumnloglog", TQConst::LinkCumNLogLog}, {"cumprobit", TQConst::LinkCumProbit}};
   static const std::map<std::string, GZLConst_940::ScaleMethod> scales{
       {"mle", GZLConst_940::ScaleMLE},
       {"deviance", GZLConst_940::ScaleDeviance},
@@ -161,11 +177,24 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double t
   s.SetDistParamType((m.contains("k_method") && m["k_method"] == "mle") ? GZLConst_940::DistParamMLE
                                                                          : GZLConst_940::DistParamFixed);
   s.SetScaleType(scales.at(m.value("scale", std::string("fixed"))));
+  if (m.value("hessian", std::string("fisher")) == "newton") s.SetHessianCompMethod(TQConst::HessianNewtonRaphson);
   if (m.contains("scale_value")) s.SetScaleValue(m["scale_value"].get<double>());
 
   if (m.contains("response")) {
     if (!s.SetDependent(col(m["response"]))) fail("dependent refused");
-    if (m["dist"] == "binomial") s.SetDependentRefCateg(m.value("ref_category", 0));
+    if (m["dist"] == "binomial" || m["dist"] == "nominal") s.SetDependentRefCateg(m.value("ref_category", 0));
+    if (s.IsMultinomial()) {
+      // The declared categories: from levels.json when it names them, else the codes seen.
+      int levels = src.Levels(col(m["response"]));
+      std::ifstream levelsIn(dataFolder + "/levels.json");
+      if (levelsIn) {
+        const nlohmann::json l = nlohmann::json::parse(levelsIn);
+        const std::string table = dataFile.substr(0, dataFile.find('.'));
+        if (l.contains(table) && l[table].contains(m["response"].get<std::string>()))
+          levels = static_cast<int>(l[table][m["response"].get<std::string>()].size());
+      }
+      s.SetDependentSize(levels);
+    }
   } else if (m.contains("events")) {
     if (m["trials"].is_string()) {
       if (!s.SetEventsTrials(col(m["events"]), col(m["trials"]))) fail("events/trials refused");
@@ -200,6 +229,8 @@ inline std::unique_ptr<ReferenceCase> LoadCase(const nlohmann::json& j, double t
     if (!s.AddModelEffect(effect)) fail("effect refused");
   }
   s.SetInterceptUse(m.value("intercept", true));
+  if (m.value("negbin0", false)) s.SetNegBin0(true);
+  if (m.contains("confidence_level")) s.SetConfidenceLevel(m["confidence_level"].get<double>());
 
   // Tight convergence so that the figures can be compared to a relative 1e-6.
   s.SetLLConCriterion(0.0);

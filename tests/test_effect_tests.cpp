@@ -85,12 +85,8 @@ void ExpectTests(const nlohmann::json& expected, const TQModelTestStats& got, co
 }  // namespace
 
 TEST(WaldEffectTests, ReferenceFigures) {
-  std::vector<std::string> files;
-  for (const auto& e : std::filesystem::directory_iterator(output_test::RefDir() + "/effects"))
-    files.push_back(e.path().string());
-  std::sort(files.begin(), files.end());
   int checked = 0;
-  for (const std::string& file : files) {
+  for (const std::string& file : output_test::CaseFiles("effects")) {
     auto f = FitCase(LoadCase(file));
     SCOPED_TRACE(f->c->name);
     ASSERT_TRUE(f->c->ok) << f->c->problem;

@@ -323,6 +323,77 @@ TEST(Links, CumulativeDensities) {
     }
     EXPECT_TRUE(TQMV::IsMissing(c->GetDensity(kNaN)));
     EXPECT_TRUE(TQMV::IsMissing(c->GetDensityDeriv(TQMV::Missing)));
+    // Both tails add up to 1, the density is the derivative of each tail, and the ends of the
+    // scale have no density.
+    TQCumulativePoint p, q;
+    for (double x : {-3.0, -0.3, 0.0, 0.5, 2.5}) {
+      ASSERT_TRUE(c->Evaluate(x, p));
+      EXPECT_NEAR(p.lower + p.upper, 1.0, 4.5e-16) << x;
+      EXPECT_NEAR(p.lower, link->GetMu(x, nullptr), 1e-15) << x;
+      EXPECT_DOUBLE_EQ(p.density, c->GetDensity(x)) << x;
+    }
+    ASSERT_TRUE(c->Evaluate(-kInf, p));
+    EXPECT_EQ(p.lower, 0.0);
+    EXPECT_EQ(p.upper, 1.0);
+    EXPECT_EQ(p.density, 0.0);
+    ASSERT_TRUE(c->Evaluate(kInf, q));
+    EXPECT_EQ(q.lower, 1.0);
+    EXPECT_EQ(q.density, 0.0);
+    EXPECT_EQ(TQCumulativeLinkFunc::IntervalProb(p, q), 1.0);
+    EXPECT_FALSE(c->Evaluate(kNaN, p));
   }
   EXPECT_EQ(dynamic_cast<const TQCumulativeLinkFunc*>(Make(TQConst::LinkLogit).get()), nullptr);
+}
+
+// Far in the tails each small tail keeps its relative precision (none is 1 minus the other),
+// and so does the density and its derivative; the probability between two points in the upper
+// tail is the difference of the upper tails.
+TEST(Links, CumulativeTails) {
+  struct Tail {
+    LinkType type;
+    double x;
+    double lower, upper, density, deriv;  // exact values (NaN: not checked)
+  };
+  const double e3 = std::exp(3.0), e40 = std::exp(-40.0);
+  const Tail tails[] = {
+      {TQConst::LinkCumLogit, 40.0, kNaN, e40 / (1.0 + e40), e40 / ((1.0 + e40) * (1.0 + e40)), kNaN},
+      {TQConst::LinkCumLogit, -700.0, std::exp(-700.0), kNaN, std::exp(-700.0), std::exp(-700.0)},
+      {TQConst::LinkCumProbit, 10.0, kNaN, 7.619853024160526e-24, 7.6945986267064193e-23,
+       -7.6945986267064193e-22},
+      {TQConst::LinkCumProbit, -37.0, 5.725571222524577e-300, kNaN, kNaN, kNaN},
+      {TQConst::LinkCumCLogLog, 3.0, kNaN, std::exp(-e3), e3 * std::exp(-e3), e3 * std::exp(-e3) * (1.0 - e3)},
+      {TQConst::LinkCumCLogLog, -40.0, -std::expm1(-e40), kNaN, e40 * std::exp(-e40), kNaN},
+      {TQConst::LinkCumNLogLog, -3.0, std::exp(-e3), kNaN, e3 * std::exp(-e3), e3 * std::exp(-e3) * (e3 - 1.0)},
+      {TQConst::LinkCumNLogLog, 40.0, kNaN, -std::expm1(-e40), e40 * std::exp(-e40), kNaN},
+      {TQConst::LinkCumCauchit, 1e10, kNaN, std::atan(1e-10) / kPi, 1.0 / (kPi * (1.0 + 1e20)),
+       -2e10 / (kPi * (1.0 + 1e20) * (1.0 + 1e20))},
+      {TQConst::LinkCumCauchit, -1e200, 1e-200 / kPi, kNaN, 0.0 /* below the smallest double */, kNaN},
+  };
+  auto expectRel = [](double exact, double got, const char* what, double x) {
+    if (std::isnan(exact)) return;
+    EXPECT_NEAR(got, exact, 1e-13 * std::fabs(exact)) << what << " at " << x;
+  };
+  for (const Tail& t : tails) {
+    SCOPED_TRACE(static_cast<int>(t.type));
+    LinkPtr link = Make(t.type);
+    const auto* c = dynamic_cast<const TQCumulativeLinkFunc*>(link.get());
+    TQCumulativePoint p;
+    ASSERT_TRUE(c->Evaluate(t.x, p));
+    expectRel(t.lower, p.lower, "F", t.x);
+    expectRel(t.upper, p.upper, "1 - F", t.x);
+    expectRel(t.density, p.density, "F'", t.x);
+    expectRel(t.deriv, p.densityDeriv, "F''", t.x);
+    // The density against the slope of the small tail, relative to its own size.
+    TQCumulativePoint a, b;
+    const double h = 1e-5 * std::max(1.0, std::fabs(t.x));
+    c->Evaluate(t.x - h, a);
+    c->Evaluate(t.x + h, b);
+    const double slope = t.x > 0.0 ? (a.upper - b.upper) / (2.0 * h) : (b.lower - a.lower) / (2.0 * h);
+    if (p.density > 1e-290) {
+      EXPECT_NEAR(slope, p.density, 1e-6 * p.density) << t.x;
+    }
+    if (t.x > 0.0) {
+      EXPECT_EQ(TQCumulativeLinkFunc::IntervalProb(a, b), a.upper - b.upper);
+    }
+  }
 }

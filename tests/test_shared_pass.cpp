@@ -100,6 +100,20 @@ std::vector<std::vector<double>> MakeRecords(const ModelCase& c, int n) {
       case TQConst::DistGamma:
         y = std::gamma_distribution<double>(2.0, std::exp(eta) / 2.0)(rng);
         break;
+      case TQConst::DistOrdinalMultinomial: {
+        // Four ordered categories cut from a logistic latent variable.
+        const double u = std::uniform_real_distribution<double>(1e-12, 1.0)(rng);
+        const double latent = eta + std::log(u / (1.0 - u));
+        y = (latent > -0.5) + (latent > 0.5) + (latent > 1.2);
+        break;
+      }
+      case TQConst::DistNominalMultinomial: {
+        // Three categories, the last the reference.
+        const double e0 = std::exp(eta), e1 = std::exp(-eta), u = std::uniform_real_distribution<double>()(rng);
+        const double total = 1.0 + e0 + e1;
+        y = u < e0 / total ? 0.0 : (u < (e0 + e1) / total ? 1.0 : 2.0);
+        break;
+      }
       default:
         y = eta + normal(rng);
         break;
@@ -116,6 +130,11 @@ GZLSettings MakeSettings(const ModelCase& c) {
   s.SetScaleType(c.scale);
   s.SetDependent(0);
   if (c.dist == TQConst::DistBinomial) s.SetDependentRefCateg(0);
+  if (c.dist == TQConst::DistOrdinalMultinomial) s.SetDependentSize(4);
+  if (c.dist == TQConst::DistNominalMultinomial) {
+    s.SetDependentSize(3);
+    s.SetDependentRefCateg(2);
+  }
   s.SetInterceptUse(true);
   s.AddFactor(4, 5);
   static std::vector<int> vars{4, 1, 2, 3};
@@ -136,10 +155,13 @@ const ModelCase kCases[] = {
     {TQConst::DistBinomial, TQConst::LinkLogit, GZLConst_940::ScaleFixed},
     {TQConst::DistNormal, TQConst::LinkIdentity, GZLConst_940::ScaleMLE},
     {TQConst::DistGamma, TQConst::LinkLog, GZLConst_940::ScaleMLE},
+    {TQConst::DistOrdinalMultinomial, TQConst::LinkCumLogit, GZLConst_940::ScaleFixed},
+    {TQConst::DistNominalMultinomial, TQConst::LinkLogit, GZLConst_940::ScaleFixed},
 };
 
-// One pass of every compiled step, alone and shared (forced on these 3000 records), with the
-// expected and the observed information and the log-likelihood alone.
+// One pass of every compiled step and of both multinomial accumulators, alone and shared
+// (forced on these 3000 records), with the expected and the observed information and the
+// log-likelihood alone.
 TEST(SharedPass, GivesTheSumsOfOneThread) {
   const bool twoCores = std::thread::hardware_concurrency() >= 2;
   for (const ModelCase& c : kCases) {
@@ -162,6 +184,7 @@ TEST(SharedPass, GivesTheSumsOfOneThread) {
     shared.SetRedundancy(inModel);
     std::vector<double> beta(static_cast<std::size_t>(alone.GetNumParams()), 0.02);
     beta[0] = c.dist == TQConst::DistGamma ? 0.5 : 0.1;
+    if (c.dist == TQConst::DistOrdinalMultinomial) beta = {-0.5, 0.2, 0.9, 0.3, -0.1, 0.05, 0.1, 0.0, -0.1, 0.2, 0.0};
     for (int variant = 0; variant < 3; ++variant) {
       const bool expected = variant != 1, llOnly = variant == 2;
       TQStatus a, b;

@@ -16,8 +16,10 @@
 #include <string>
 
 #include <nlohmann/json.hpp>
+#include <pugixml.hpp>
 
 #include "GZLConst_940.h"
+#include "pmml_scorer.h"
 #include "tools/FitCommand.h"
 #include "tools/FitControl.h"
 #include "tools/StatusText.h"
@@ -182,6 +184,27 @@ TEST(ToolFit, ShipsPoissonWithOffsetAgreesWithReference) {
   bool offsetListed = false;
   for (const auto& row : doc["continuous"]) offsetListed |= row["variable"] == "logservice" && row["role"] == "offset";
   EXPECT_TRUE(offsetListed);
+
+  // --pmml: the document of the same fit, with the file's category labels; it validates.
+  o.pmmlPath = ::testing::TempDir() + "gzl_tool_ships.xml";
+  const json again = RunJson(o);
+  bool valid = false;
+  EXPECT_TRUE(again == doc);
+  const std::string output = pmml_test::ValidateWithXmllint({o.pmmlPath}, valid);
+  EXPECT_TRUE(valid) << output;
+  pugi::xml_document pmml;
+  ASSERT_TRUE(pmml.load_file(o.pmmlPath.c_str()));
+  const pugi::xml_node model = pmml.child("PMML").child("GeneralRegressionModel");
+  EXPECT_STREQ(model.attribute("offsetVariable").value(), "logservice");
+  EXPECT_STREQ(model.child("PPMatrix").child("PPCell").attribute("value").value(), "A");
+  EXPECT_EQ(std::strtod(model.child("ParamMatrix").child("PCell").attribute("beta").value(), nullptr),
+            Param(doc, "(Intercept)")["estimate"].get<double>());
+  o.pmmlPath = "/nonexistent-dir/ships.xml";
+  o.json = true;
+  const ToolRun failed = RunTool(o);
+  EXPECT_EQ(failed.code, 1);
+  EXPECT_NE(failed.err.find("cannot write the PMML file /nonexistent-dir/ships.xml"), std::string::npos) << failed.err;
+  EXPECT_EQ(failed.out, "");
 }
 
 TEST(ToolFit, QuineNegativeBinomialWithKEstimatedAgreesWithReference) {
@@ -251,8 +274,9 @@ TEST(ToolFit, FrequencyWeightsDevianceScaleAndPowersAgreeWithReference) {
   }
 }
 
-// Wald tests of effects with the effects entered so that wool and tension are aliased with the
-// interaction before them: no type I test for them, type III tests as usual.
+// Tests of effects with the effects entered so that wool and tension are aliased with the
+// interaction before them: no type I test for them, type III tests as usual; Wald and
+// likelihood-ratio statistics (the latter with the F form of the deviance scale).
 TEST(ToolFit, EffectTestsAgreeWithReference) {
   std::ifstream in(std::string(GZL_TEST_DATA_DIR) + "/reference/effects/warpbreaks_poisson_aliased_deviance.json");
   const json expected = json::parse(in)["expected"];
@@ -262,8 +286,11 @@ TEST(ToolFit, EffectTestsAgreeWithReference) {
   o.scaleMethod = GZLConst_940::ScaleDeviance;
   o.effects = "wool*tension wool tension";
   o.effectTests = TQConst::EffectTypeIAndIII;
+  o.effectStatistic = GZLConst_940::EffectStatLR;
+  o.refitTolerance = 1e-9;
   const json doc = RunJson(o);
-  for (const char* key : {"wald_type1", "wald_type3"}) {
+  for (const char* key : {"wald_type1", "wald_type3", "lr_type1", "lr_type3"}) {
+    const bool lr = key[0] == 'l';
     ASSERT_EQ(doc[key].size(), expected[key].size()) << key;
     for (std::size_t i = 0; i < doc[key].size(); ++i) {
       const json& e = expected[key][i];
@@ -271,15 +298,23 @@ TEST(ToolFit, EffectTestsAgreeWithReference) {
       const std::string what = std::string(key) + " " + e["term"].get<std::string>();
       EXPECT_EQ(a["effect"], e["effect"]) << what;
       EXPECT_EQ(a["term"], e["term"]) << what;
-      EXPECT_EQ(a["df"], e["df"]) << what;
       if (e["chisq"].is_null()) {
+        // No hypothesis: no statistic (the likelihood-ratio df is missing too).
         EXPECT_TRUE(a["chisq"].is_null() && a["sig"].is_null()) << what;
+        EXPECT_TRUE(lr ? a["df"].is_null() : a["df"] == 0) << what;
         continue;
       }
-      ExpectRel(a["chisq"], e["chisq"].get<double>(), what);
-      ExpectRel(a["sig"], e["sig"].get<double>(), what);
+      EXPECT_EQ(a["df"], e["df"]) << what;
+      for (const char* figure : {"chisq", "sig", "f", "df2", "f_sig", "deviance"}) {
+        if (!lr && !e.contains(figure)) continue;
+        if (e[figure].is_null())
+          EXPECT_TRUE(a[figure].is_null()) << what << " " << figure;
+        else
+          ExpectRel(a[figure], e[figure].get<double>(), what + " " + figure);
+      }
     }
   }
+  o.effectStatistic.reset();
   o.effectTests = TQConst::EffectTypeI;
   const ToolRun text = RunTool(o);
   ASSERT_EQ(text.code, 0) << text.err;
@@ -287,6 +322,48 @@ TEST(ToolFit, EffectTestsAgreeWithReference) {
   EXPECT_EQ(text.out.find("type III"), std::string::npos);
   EXPECT_NE(text.out.find("wool^a"), std::string::npos);
   EXPECT_NE(text.out.find("^a Not tested"), std::string::npos);
+}
+
+// Profile intervals in place of the Wald limits, the scale's too (maximum likelihood); the
+// overdispersion test of a Poisson model that asks for it.
+TEST(ToolFit, ProfileIntervalsAndLagrangeMultiplierTest) {
+  std::ifstream in2(std::string(GZL_TEST_DATA_DIR) + "/reference/effects/mtcars_normal_identity.json");
+  const json expected2 = json::parse(in2)["expected"];
+  FitOptions m = Options("mtcars.csv", "mpg", TQConst::DistNormal);
+  m.factors = {"cyl"};
+  m.covariates = {"wt", "hp"};
+  m.effects = "wt hp cyl";
+  m.ciType = GZLConst_940::Profile;
+  m.refitTolerance = 1e-9;
+  const json profile = RunJson(m);
+  ASSERT_EQ(profile["profile_ci"].size(), expected2["profile_ci"].size());
+  for (std::size_t j = 0; j < profile["profile_ci"].size(); ++j) {
+    const json& e = expected2["profile_ci"][j];
+    const json& a = profile["profile_ci"][j];
+    EXPECT_EQ(a["redundant"], e["redundant"]);
+    for (const char* end : {"lower", "upper"}) {
+      if (e[end].is_null())
+        EXPECT_TRUE(a[end].is_null());
+      else
+        ExpectRel(a[end], e[end].get<double>(), std::string(end) + " " + std::to_string(j));
+    }
+  }
+  for (const char* end : {"lower", "upper"})
+    ExpectRel(profile["profile_ci_scale"][end], expected2["profile_ci_scale"][end].get<double>(), end);
+  EXPECT_TRUE(profile["parameters"][0]["wald_lower"].is_null());
+  EXPECT_TRUE(profile["lm_tests"].empty());
+
+  FitOptions o = Options("warpbreaks.csv", "breaks", TQConst::DistPoisson);
+  o.factors = {"wool", "tension"};
+  o.effects = "wool*tension wool tension";
+  o.effectTests = TQConst::EffectTypeI;
+  o.effectStatistic = GZLConst_940::EffectStatLR;
+  o.overdispersionTest = true;
+  const ToolRun text = RunTool(o);
+  ASSERT_EQ(text.code, 0) << text.err;
+  for (const char* part : {"Tests of model effects (likelihood ratio, type I", "^1 Not tested: no estimable hypothesis",
+                           "Wald confidence interval", "Lagrange multiplier test", "Poisson overdispersion"})
+    EXPECT_NE(text.out.find(part), std::string::npos) << part;
 }
 
 TEST(ToolFit, TextOutputShowsTheTablesAndNamesTermsByLabel) {

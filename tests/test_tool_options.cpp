@@ -78,7 +78,7 @@ TEST(ToolOptions, ConsistencyChecks) {
   EXPECT_EQ(CheckError(o), "the number of trials (--trials-value) must be above 0");
   o.trialsValue = 1.0;
   o.referenceCategory = "last";
-  EXPECT_EQ(CheckError(o), "--ref-category applies to a binary (single binomial) or multinomial response only");
+  EXPECT_EQ(CheckError(o), "--ref-category applies to a binary (single binomial) or nominal response only");
   o.responseForm = ResponseForm::Single;
   EXPECT_TRUE(CheckFitOptions(o, error)) << error;
 

@@ -4,28 +4,91 @@
 
 #include "GZLOutputStats.h"
 #include "tools/JsonWriter.h"
+#include "tools/StatusText.h"
 #include "tools/TextTable.h"
 
 namespace {
 
+// The effect list position and label of the test at position `test` of the test order.
+void NameTest(const FitOptions& o, const std::vector<ModelTerm>& terms, int test, int& effect, std::string& term) {
+  const bool ordinal = o.distribution == TQConst::DistOrdinalMultinomial;
+  effect = test - ((o.intercept || ordinal) ? 1 : 0);
+  if (effect < 0)
+    term = ordinal ? "(Thresholds)" : "(Intercept)";
+  else if (static_cast<std::size_t>(effect) < terms.size())
+    term = terms[static_cast<std::size_t>(effect)].Text();
+  else
+    term = "effect " + std::to_string(effect);
+}
+
 std::vector<EffectTestRow> RowsOf(const FitOptions& o, const std::vector<ModelTerm>& terms,
                                   const TQModelTestStats& stats) {
-  const bool ordinal = o.distribution == TQConst::DistOrdinalMultinomial;
-  const int first = (o.intercept || ordinal) ? 1 : 0;
   std::vector<EffectTestRow> rows;
   for (int i = 0; i < stats.GetNumTests(); ++i) {
     EffectTestRow row;
     row.test = stats.GetTest(i);
-    row.effect = row.test.fEffect - first;
-    if (row.effect < 0)
-      row.term = ordinal ? "(Thresholds)" : "(Intercept)";
-    else if (static_cast<std::size_t>(row.effect) < terms.size())
-      row.term = terms[static_cast<std::size_t>(row.effect)].Text();
-    else
-      row.term = "effect " + std::to_string(row.effect);
+    NameTest(o, terms, row.test.fEffect, row.effect, row.term);
     rows.push_back(std::move(row));
   }
   return rows;
+}
+
+std::vector<LRTestRow> LRRowsOf(const FitOptions& o, const std::vector<ModelTerm>& terms,
+                                const std::vector<std::vector<double>>& values, const std::vector<TQStatus>& statuses) {
+  std::vector<LRTestRow> rows;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    LRTestRow row;
+    NameTest(o, terms, static_cast<int>(i), row.effect, row.term);
+    row.values = values[i];
+    row.values.resize(7, TQMV::Missing);
+    if (i < statuses.size()) row.status = statuses[i];
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+void WriteLRTable(std::ostream& out, const std::string& title, const std::vector<LRTestRow>& rows) {
+  using Align = TextTable::Align;
+  const bool f = std::any_of(rows.begin(), rows.end(), [](const LRTestRow& r) { return !TQMV::IsMissing(r.values[3]); });
+  std::vector<std::string> headers{"Effect", "Likelihood-ratio chi-square", "df", "Sig."};
+  if (f) headers.insert(headers.end(), {"F", "df2", "Sig. (F)", "Deviance"});
+  std::vector<Align> align(headers.size(), Align::Right);
+  align[0] = Align::Left;
+  TextTable table(title, headers, align);
+  std::vector<std::string> notes;
+  for (const LRTestRow& r : rows) {
+    const std::vector<double>& v = r.values;
+    if (TQMV::IsMissing(v[0])) {
+      // No statistic: say why, once per reason.
+      const std::string why = r.status.GetErrorCode() == GZLStatusCode::LMatrixNotExist
+                                  ? std::string("no estimable hypothesis")
+                                  : DescribeStatus(r.status);
+      auto it = std::find(notes.begin(), notes.end(), why);
+      if (it == notes.end()) it = notes.insert(notes.end(), why);
+      table.AddRow({r.term + "^" + std::to_string(it - notes.begin() + 1), "."});
+      continue;
+    }
+    std::vector<std::string> cells{r.term, FormatNumber(v[0]), FormatNumber(v[1]), FormatSignificance(v[2])};
+    if (f) cells.insert(cells.end(), {FormatNumber(v[3]), FormatNumber(v[4]), FormatSignificance(v[5]), FormatNumber(v[6])});
+    table.AddRow(std::move(cells));
+  }
+  table.Write(out);
+  for (std::size_t i = 0; i < notes.size(); ++i) out << "  ^" << i + 1 << " Not tested: " << notes[i] << ".\n";
+}
+
+void WriteLRArray(JsonWriter& json, const char* key, const std::vector<LRTestRow>& rows) {
+  static const char* const kKeys[7] = {"chisq", "df", "sig", "f", "df2", "f_sig", "deviance"};
+  json.Key(key);
+  json.BeginArray();
+  for (const LRTestRow& r : rows) {
+    json.BeginObject();
+    json.Member("effect", r.effect);
+    json.Member("term", r.term);
+    for (int i = 0; i < 7; ++i) json.Member(kKeys[i], r.values[static_cast<std::size_t>(i)]);
+    json.Member("status", r.status.GetErrorCode());
+    json.EndObject();
+  }
+  json.EndArray();
 }
 
 bool AnyFForm(const std::vector<EffectTestRow>& rows) {
@@ -88,9 +151,22 @@ void GatherEffectTests(const FitOptions& o, const std::vector<ModelTerm>& terms,
   report.typeIII = type == TQConst::EffectTypeIII || type == TQConst::EffectTypeIAndIII;
   if (report.typeI) report.type1 = RowsOf(o, terms, stats.GetTypeITestStats());
   if (report.typeIII) report.type3 = RowsOf(o, terms, stats.GetTypeIIITestStats());
+  report.likelihoodRatio = o.effectStatistic == GZLConst_940::EffectStatLR;
+  if (!report.likelihoodRatio) return;
+  if (report.typeI) report.lr1 = LRRowsOf(o, terms, stats.GetTypeILRStats(), stats.GetTypeILRStatusEff());
+  if (report.typeIII) report.lr3 = LRRowsOf(o, terms, stats.GetTypeIIILRStats(), stats.GetTypeIIILRStatusEff());
 }
 
 void WriteEffectTestsText(std::ostream& out, const EffectTestsReport& report) {
+  if (report.likelihoodRatio) {
+    if (report.typeI)
+      WriteLRTable(out, "\nTests of model effects (likelihood ratio, type I: each effect after those above it)",
+                   report.lr1);
+    if (report.typeIII)
+      WriteLRTable(out, "\nTests of model effects (likelihood ratio, type III: each effect adjusted for all others)",
+                   report.lr3);
+    return;
+  }
   if (report.typeI) {
     WriteTable(out, "\nTests of model effects (Wald, type I: each effect after those above it)", report.type1,
                "every column of the effect is aliased with the effects above it");
@@ -104,4 +180,6 @@ void WriteEffectTestsText(std::ostream& out, const EffectTestsReport& report) {
 void WriteEffectTestsJson(JsonWriter& json, const EffectTestsReport& report) {
   if (report.typeI) WriteArray(json, "wald_type1", report.type1);
   if (report.typeIII) WriteArray(json, "wald_type3", report.type3);
+  if (report.likelihoodRatio && report.typeI) WriteLRArray(json, "lr_type1", report.lr1);
+  if (report.likelihoodRatio && report.typeIII) WriteLRArray(json, "lr_type3", report.lr3);
 }

@@ -1,7 +1,8 @@
 #pragma once
 // The tests of model effects in the tool's output: one row per effect in the engine's test
 // order (the intercept first when the model has one), as a readable table or as the JSON
-// arrays "wald_type1" and "wald_type3".
+// arrays "wald_type1" and "wald_type3", and, with the likelihood-ratio statistic, "lr_type1"
+// and "lr_type3".
 #include <ostream>
 #include <string>
 #include <vector>
@@ -19,11 +20,23 @@ struct EffectTestRow {
   TQModelTestStats::Test test;
 };
 
+// A likelihood-ratio test: chi-square, df, significance, F, df2, F significance and the
+// deviance of the constrained fit (missing where they do not apply), and its status.
+struct LRTestRow {
+  int effect = -1;
+  std::string term;
+  std::vector<double> values;
+  TQStatus status;
+};
+
 struct EffectTestsReport {
   bool typeI = false;
   bool typeIII = false;
+  bool likelihoodRatio = false;
   std::vector<EffectTestRow> type1;
   std::vector<EffectTestRow> type3;
+  std::vector<LRTestRow> lr1;
+  std::vector<LRTestRow> lr3;
 };
 
 // The tests the options asked for, from the results of the fit.

@@ -1,9 +1,11 @@
 #include "tools/FitCommand.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "tools/CsvTable.h"
+#include "tools/FitControl.h"
 #include "tools/JsonWriter.h"
 #include "tools/ModelInfo.h"
 #include "tools/ModelSpec.h"
@@ -31,7 +33,14 @@ int RunFitCommand(const FitOptions& options, const FitHooks& hooks, std::ostream
   CsvTable table;
   CsvReadOptions readOptions;
   readOptions.separator = options.separator;
-  if (!CsvTable::ReadFile(options.dataPath, FitColumnRequests(options), readOptions, table, error)) {
+  readOptions.cancel = hooks.cancel;
+  ReadProgressPrinter readProgress(hooks.progress, hooks.progressIsTerminal);
+  if (hooks.progress != nullptr) readOptions.progress = std::ref(readProgress);
+  const bool read = CsvTable::ReadFile(options.dataPath, FitColumnRequests(options), readOptions, table, error);
+  readProgress.Finish();
+  if (!read) {
+    // Ctrl-C gives one message whether it comes while the file is read or while the model is fitted.
+    if (error == kCsvReadCancelled) return Fail(err, "the fit was cancelled");
     return Fail(err, options.dataPath + ": " + error);
   }
   if (table.NumRows() == 0) return Fail(err, options.dataPath + ": no data records");

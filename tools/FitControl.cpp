@@ -56,6 +56,42 @@ void FitProgressPrinter::OnProgress(const ProgressReport& report) {
   }
 }
 
+void ReadProgressPrinter::operator()(const CsvReadProgress& p) {
+  constexpr double kSecondsBetweenLogLines = 5.0;
+  if (fpOut == nullptr) return;
+  if (!fbTerminal && !p.finished) {
+    if (p.seconds < fLastLine + kSecondsBetweenLogLines) return;
+    fLastLine = p.seconds;
+  }
+  const double megabytes = static_cast<double>(p.bytesRead) / 1e6;
+  const double perSecond = p.seconds > 0.0 ? static_cast<double>(p.records) / p.seconds / 1e6 : 0.0;
+  std::string line;
+  if (p.finished) {
+    line = "gzl: read " + Fixed(megabytes, 1) + " MB, " + std::to_string(p.records) + " records in " +
+           Fixed(p.seconds, 2) + " s";
+  } else {
+    line = "gzl: reading " + Fixed(megabytes, 1);
+    if (p.totalBytes > 0) line += " of " + Fixed(static_cast<double>(p.totalBytes) / 1e6, 1);
+    line += " MB, " + std::to_string(p.records) + " records";
+  }
+  line += " (" + Fixed(perSecond, 2) + " million records per second)";
+  if (!fbTerminal) {
+    *fpOut << line << '\n' << std::flush;
+    return;
+  }
+  // Pad to clear what a longer previous line left behind.
+  const std::size_t width = line.size();
+  if (line.size() < fLastWidth) line.append(fLastWidth - line.size(), ' ');
+  fLastWidth = width;
+  *fpOut << '\r' << line << (p.finished ? "\n" : "") << std::flush;
+  fbLineOpen = !p.finished;
+}
+
+void ReadProgressPrinter::Finish() {
+  if (fpOut != nullptr && fbLineOpen) *fpOut << '\n' << std::flush;
+  fbLineOpen = false;
+}
+
 void FitProgressPrinter::Finish() {
   if (fpOut != nullptr && fbLineOpen) *fpOut << '\n' << std::flush;
   fbLineOpen = false;

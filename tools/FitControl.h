@@ -1,11 +1,12 @@
 #pragma once
-// What the tool hangs on the engine while a fit runs: a progress display on a text stream (the
-// records read in the first pass, then each iteration with its log-likelihood) and cancellation
-// by Ctrl-C.
+// What the tool hangs on the data read and the engine while a fit runs: a progress display on a
+// text stream (bytes read from a large file, the records of the first pass, then each iteration
+// with its log-likelihood) and cancellation by Ctrl-C.
 #include <csignal>
 #include <ostream>
 
 #include "GZLProgress.h"
+#include "tools/CsvTable.h"
 
 // Writes the engine's progress reports as lines of text. On a terminal the lines overwrite one
 // another (carriage return) and Finish clears the last one; elsewhere every report is a line of
@@ -33,6 +34,24 @@ class FitProgressPrinter : public ProgressListener {
   bool fbLineOpen = false;
   int fLastIteration = -1;
   int fReports = 0;
+};
+
+// Writes the progress of a long read of the data file as lines of text: bytes and records read
+// and the rate, then a closing line with the time taken. On a terminal the lines overwrite one
+// another until the closing one; elsewhere (a log) a line comes every few seconds.
+class ReadProgressPrinter {
+ public:
+  ReadProgressPrinter(std::ostream* out, bool terminal) noexcept : fpOut(out), fbTerminal(terminal) {}
+  void operator()(const CsvReadProgress& progress);
+  // Ends a line left open on the terminal by a read that stopped early.
+  void Finish();
+
+ private:
+  std::ostream* fpOut;
+  bool fbTerminal;
+  bool fbLineOpen = false;
+  double fLastLine = 0.0;      // seconds into the read of the last line written to a log
+  std::size_t fLastWidth = 0;  // length of the last line written to a terminal
 };
 
 // Answers the engine's cancellation query from a flag that a signal handler sets.

@@ -96,6 +96,16 @@ constexpr std::array kEmmeansTestNames{
     FitOptionName{"f", TQConst::TestType0},
 };
 
+constexpr std::array kEffectStatisticNames{
+    FitOptionName{"wald", GZLConst_940::EffectStatWald},
+    FitOptionName{"lr", GZLConst_940::EffectStatLR},
+};
+
+constexpr std::array kCITypeNames{
+    FitOptionName{"wald", GZLConst_940::Wald},
+    FitOptionName{"profile", GZLConst_940::Profile},
+};
+
 bool IsMultinomial(TQConst::DistType d) {
   return d == TQConst::DistOrdinalMultinomial || d == TQConst::DistNominalMultinomial;
 }
@@ -188,8 +198,8 @@ bool CheckResponse(const FitOptions& o, std::string& error) {
     error = "the number of trials (--trials-value) must be above 0";
     return false;
   }
-  if (!o.referenceCategory.empty() && !ResponseIsCategorical(o)) {
-    error = "--ref-category applies to a binary (single binomial) or multinomial response only";
+  if (!o.referenceCategory.empty() && (!ResponseIsCategorical(o) || o.distribution == TQConst::DistOrdinalMultinomial)) {
+    error = "--ref-category applies to a binary (single binomial) or nominal response only";
     return false;
   }
   return true;
@@ -235,6 +245,9 @@ bool CheckControls(const FitOptions& o, std::string& error) {
       {o.confidenceLevel && !(*o.confidenceLevel > 0.0 && *o.confidenceLevel < 1.0),
        "the confidence level must lie strictly between 0 and 100 percent"},
       {o.fisherIterations && o.hessianMethod != TQConst::HessianHybrid, "--fisher-iterations needs --hessian hybrid"},
+      {o.refitTolerance && !(*o.refitTolerance >= 0.0), "--refit-tolerance must be 0 or more"},
+      {o.overdispersionTest && o.distribution != TQConst::DistPoisson,
+       "--overdispersion-test applies to Poisson models only"},
       {o.offsetValue && !o.offsetVariable.empty(), "give either an offset variable or an offset value, not both"},
   };
   for (const auto& check : checks) {
@@ -281,6 +294,8 @@ std::span<const FitOptionName> EmmeansContrastNames() { return kEmmeansContrastN
 std::span<const FitOptionName> EmmeansScaleNames() { return kEmmeansScaleNames; }
 std::span<const FitOptionName> EmmeansAdjustNames() { return kEmmeansAdjustNames; }
 std::span<const FitOptionName> EmmeansTestNames() { return kEmmeansTestNames; }
+std::span<const FitOptionName> EffectStatisticNames() { return kEffectStatisticNames; }
+std::span<const FitOptionName> CITypeNames() { return kCITypeNames; }
 
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value) {
   const auto it = std::find_if(names.begin(), names.end(), [value](const FitOptionName& n) { return n.value == value; });

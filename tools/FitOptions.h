@@ -76,6 +76,14 @@ struct FitOptions {
   std::optional<GZLConst_940::LLType> llType;
   // Wald tests of model effects; none unless asked for.
   std::optional<TQConst::TQEffectAnalysisType> effectTests;
+  // Their statistic: Wald (the default) or likelihood ratio (refits under each hypothesis).
+  std::optional<GZLConst_940::EffectAnalysisStat> effectStatistic;
+  // Intervals of the parameters: Wald (the default) or profile likelihood.
+  std::optional<GZLConst_940::CIType> ciType;
+  // A Poisson model's Lagrange multiplier test against overdispersion.
+  bool overdispersionTest = false;
+  // Log-likelihood tolerance of the likelihood-ratio refits and of the profile search.
+  std::optional<double> refitTolerance;
   bool json = false;
   bool dryRun = false;  // describe the model and stop
 
@@ -91,6 +99,8 @@ struct FitOptions {
   std::optional<TQConst::TQPAdjustMethod> emmeansAdjust;
   std::vector<std::string> emmeansAt;  // covariate values, "name=value"
   std::optional<TQConst::TQTestType> emmeansTest;
+  // A PMML document of the fitted model goes to this file when it is not empty.
+  std::string pmmlPath;
 };
 
 // Names accepted on the command line for an enumerated choice; the first name of each value is
@@ -110,6 +120,8 @@ std::span<const FitOptionName> EmmeansContrastNames();
 std::span<const FitOptionName> EmmeansScaleNames();
 std::span<const FitOptionName> EmmeansAdjustNames();
 std::span<const FitOptionName> EmmeansTestNames();
+std::span<const FitOptionName> EffectStatisticNames();
+std::span<const FitOptionName> CITypeNames();
 // The output name of a value, "unknown" when the table has none.
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value);
 

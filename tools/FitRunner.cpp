@@ -17,7 +17,6 @@
 #include "GZLFactory.h"
 #include "GZLModelEffect.h"
 #include "GZLOutputStats.h"
-#include "GZLRecord.h"
 #include "GZLSettings.h"
 #include "IGZLAlgorithm.h"
 #include "data/GZLAlgorithm.h"
@@ -28,36 +27,13 @@
 #include "tools/Emmeans.h"
 #include "tools/FitControl.h"
 #include "tools/JsonWriter.h"
+#include "tools/PmmlFile.h"
 #include "tools/ModelInfo.h"
+#include "tools/RecordCache.h"
 #include "tools/StatusText.h"
 #include "tools/TextTable.h"
 
 namespace {
-
-// ---------------------------------------------------------------------------------------------
-// Records: the table's dense rows served in place, one field per kept column.
-
-class TableRecordSource final : public IGZLRecordSource {
- public:
-  explicit TableRecordSource(const CsvTable& table) noexcept : fTable(table) {}
-
-  bool HasMoreRecords() override { return fNext < fTable.NumRows(); }
-  const Record* NextRecord() override {
-    if (fNext >= fTable.NumRows()) return nullptr;
-    fRecord.Reset(fTable.Row(fNext++), fTable.NumColumns());
-    return &fRecord;
-  }
-  long RecordCount() override { return static_cast<long>(fTable.NumRows()); }
-  int Rewind() override {
-    fNext = 0;
-    return 0;
-  }
-
- private:
-  const CsvTable& fTable;
-  std::size_t fNext = 0;
-  Record fRecord;
-};
 
 // ---------------------------------------------------------------------------------------------
 // Settings.
@@ -228,7 +204,17 @@ bool SetControls(const FitOptions& o, GZLSettings& s, std::string& error) {
   // The omnibus test is part of the output; the tests of single effects when asked for.
   s.SetModelFittingTest(true);
   s.SetEffectAnalysisType(o.effectTests.value_or(TQConst::EffectNone));
-  if (o.effectTests && *o.effectTests != TQConst::EffectNone) s.SetEffectAnalysisStat(GZLConst_940::EffectStatWald);
+  if (o.effectTests && *o.effectTests != TQConst::EffectNone)
+    s.SetEffectAnalysisStat(o.effectStatistic.value_or(GZLConst_940::EffectStatWald));
+  s.SetCIType(o.ciType.value_or(GZLConst_940::Wald));
+  // Each end point of a profile interval may take as many iterations as the fit.
+  s.SetMaxIterationsPLCI(s.GetMaxIterations());
+  if (o.refitTolerance) {
+    s.SetTolLogLikeTypeIandIII(*o.refitTolerance);
+    s.SetToleranceLogLikePLCI(*o.refitTolerance);
+    s.SetToleranceHessianPLCI(*o.refitTolerance);
+  }
+  s.SetNegBin0(o.overdispersionTest);
   return true;
 }
 
@@ -306,7 +292,23 @@ struct FitReport {
   double confidence = 0.95;
   EffectTestsReport effectTests;
   EmmeansReport emmeans;
+  // The parameters' intervals are profile likelihood intervals.
+  bool profile = false;
+  // The Lagrange multiplier test the model calls for ("scale", "k", "overdispersion"; empty
+  // when none): the value tested, statistic, df, significance and the one-sided and
+  // non-directional significances.
+  std::string lmTest;
+  double lmValueTested = TQMV::Missing;
+  double lmValues[6] = {TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing, TQMV::Missing};
   std::vector<ParameterRow> parameters;
+  // Multinomial responses: the categories in the model's order (ordinal: ascending; nominal: the
+  // reference last), by code and label, with their weighted counts.
+  bool ordinal = false;
+  bool nominal = false;
+  std::string responseName;
+  std::vector<int> dependCategories;
+  std::vector<std::string> dependLabels;
+  std::vector<double> responseCounts;
   std::optional<ParameterRow> scale;
   std::optional<ParameterRow> k;
   std::string convergence;
@@ -390,7 +392,6 @@ ParameterRow MakeParameterRow(const TQRegrParameter& p, const FitOptions& o, con
       row.name = "parameter of effect " + std::to_string(index);
     }
   }
-  if (!row.target.empty()) row.name = Bracket(o.response, row.target) + ": " + row.name;
   return row;
 }
 
@@ -438,11 +439,25 @@ void GatherCounts(const FitOptions& o, const CsvTable& table, const GZLSettings&
   if (ResponseIsCategorical(o)) {
     if (const auto* list = counts.GetDependCountsPtr()) {
       const int reference = s.GetDependentRefCateg();
+      const std::vector<int>& order = stats.GetDependCategories();
       if (s.IsSingleDependentForBinomial()) {
         // The event is the category coded 1 when the reference is 0, else the one coded 0.
         addCounts(o.response, "response", responseField, *list, reference == 0 ? 1 : 0, -2);
       } else {
-        addCounts(o.response, "response", responseField, *list, -2, reference);
+        // The nominal reference is the last of the model's categories (the one asked for when it
+        // occurs); ordinal categories have none.
+        const bool nominal = o.distribution == TQConst::DistNominalMultinomial;
+        addCounts(o.response, "response", responseField, *list, -2, nominal && !order.empty() ? order.back() : -2);
+      }
+      report.ordinal = o.distribution == TQConst::DistOrdinalMultinomial;
+      report.nominal = o.distribution == TQConst::DistNominalMultinomial;
+      report.responseName = o.response;
+      for (int code : order) {
+        report.dependCategories.push_back(code);
+        report.dependLabels.push_back(LabelOf(table, responseField, code));
+        report.responseCounts.push_back(code >= 0 && static_cast<std::size_t>(code) < list->size()
+                                            ? (*list)[static_cast<std::size_t>(code)].first
+                                            : TQMV::Missing);
       }
     }
   } else if (o.responseForm != ResponseForm::Single) {
@@ -508,9 +523,29 @@ void GatherFit(const FitOptions& o, const IGZLAlgorithm& algorithm, const GZLOut
   report.intercept = o.intercept;
 }
 
+void GatherLagrangeMultiplierTest(const FitOptions& o, const GZLSettings& s, const GZLOutputStats& stats,
+                                  FitReport& report) {
+  if (TQMV::IsMissing(stats.GetLagrangeMultDF())) return;
+  if (o.distribution == TQConst::DistPoisson) {
+    report.lmTest = "overdispersion";
+    report.lmValueTested = 0.0;
+  } else if (o.distribution == TQConst::DistNegBinomial) {
+    report.lmTest = "k";
+    report.lmValueTested = stats.GetNegBinK();
+  } else {
+    report.lmTest = "scale";
+    report.lmValueTested = s.GetScaleValue();
+  }
+  const double values[6] = {stats.GetLagrangeMultDist(),      stats.GetLagrangeMultDF(),
+                            stats.GetLagrangeMultSig(),       stats.GetLagrangeSigGreaterZero(),
+                            stats.GetLagrangeSigLessZero(),   stats.GetLagrangeSigNonDir()};
+  std::copy(std::begin(values), std::end(values), report.lmValues);
+}
+
 void GatherParameters(const FitOptions& o, const CsvTable& table, const std::vector<ModelTerm>& terms,
                       const GZLSettings& s, const GZLOutputStats& stats, FitReport& report) {
   report.confidence = s.GetConfidenceLevel();
+  report.profile = s.GetCIType() == GZLConst_940::Profile;
   const std::vector<TQRegrParameter>& parameters = stats.GetParameters();
   const std::vector<TQRegrParameterStats>& rows = stats.GetParamStats();
   const std::vector<double>& estimates = stats.GetParamEstimates();
@@ -571,6 +606,68 @@ std::string Percent(double value) {
 std::string ConfidenceText(double level) { return FormatNumber(100.0 * level, 6) + "%"; }
 
 using Align = TextTable::Align;
+
+// The parameter estimates: one table, or for a nominal response one table per logit (the
+// parameters of one response category against the reference); the scale and k rows close the
+// last table.
+void WriteParameterTables(std::ostream& out, const FitReport& r) {
+  const std::string interval = "(Lower, Upper: " + ConfidenceText(r.confidence) +
+                               (r.profile ? " profile likelihood" : " Wald") + " confidence interval)";
+  std::vector<std::pair<std::string, std::vector<const ParameterRow*>>> tables;
+  for (const auto& row : r.parameters) {
+    if (r.nominal && !r.dependLabels.empty()) {
+      const std::string title = "\nParameter estimates for " + Bracket(r.responseName, row.target) +
+                                " against the reference " + Bracket(r.responseName, r.dependLabels.back()) + " " +
+                                interval;
+      if (tables.empty() || tables.back().first != title) tables.push_back({title, {}});
+    } else if (tables.empty()) {
+      tables.push_back({"\nParameter estimates " + interval, {}});
+    }
+    tables.back().second.push_back(&row);
+  }
+  if (tables.empty()) tables.push_back({"\nParameter estimates " + interval, {}});
+  bool anyRedundant = false, anyFixed = false;
+  for (std::size_t t = 0; t < tables.size(); ++t) {
+    TextTable table(tables[t].first, {"Parameter", "B", "Std. error", "Lower", "Upper", "Wald chi-square", "df", "Sig."},
+                    {Align::Left, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right,
+                     Align::Right});
+    for (const ParameterRow* row : tables[t].second) {
+      const TQRegrParameterStats& st = row->stats;
+      if (st.IsRedundant()) {
+        anyRedundant = true;
+        table.AddRow({row->name, "0^a"});
+        continue;
+      }
+      table.AddRow({row->name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
+                    Number(st.GetUpperBound()), Number(st.GetWaldChiSquare()), Number(st.GetDF()),
+                    FormatSignificance(st.GetSignificance())});
+    }
+    for (const auto* extra : {&r.scale, &r.k}) {
+      if (t + 1 < tables.size() || !*extra) continue;
+      const ParameterRow& row = **extra;
+      const TQRegrParameterStats& st = row.stats;
+      if (row.note == "fixed") {
+        anyFixed = true;
+        table.AddRow({row.name, Number(st.GetEstimate()) + "^b"});
+      } else if (!row.note.empty()) {
+        table.AddRow({row.name, Number(st.GetEstimate()) + "^c"});
+      } else {
+        table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
+                      Number(st.GetUpperBound())});
+      }
+    }
+    table.Write(out);
+  }
+  if (r.ordinal) {
+    out << "  Thresholds: P(" << r.responseName
+        << " <= category) = F(threshold - linear predictor).\n";
+  }
+  if (anyRedundant) out << "  ^a Aliased: set to zero because it is redundant with the parameters above.\n";
+  if (anyFixed) out << "  ^b Fixed at the displayed value.\n";
+  if (r.scale && !r.scale->note.empty() && r.scale->note != "fixed") {
+    out << "  ^c The scale is " << r.scale->note << ".\n";
+  }
+}
 
 void WriteText(std::ostream& out, const FitReport& r) {
   {
@@ -637,45 +734,24 @@ void WriteText(std::ostream& out, const FitReport& r) {
   }
   WriteEffectTestsText(out, r.effectTests);
 
-  {
-    const std::string level = ConfidenceText(r.confidence);
-    TextTable table("\nParameter estimates (Lower, Upper: " + level + " Wald confidence interval)",
-                    {"Parameter", "B", "Std. error", "Lower", "Upper", "Wald chi-square", "df", "Sig."},
-                    {Align::Left, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right, Align::Right,
-                     Align::Right});
-    bool anyRedundant = false;
-    for (const auto& row : r.parameters) {
-      const TQRegrParameterStats& st = row.stats;
-      if (st.IsRedundant()) {
-        anyRedundant = true;
-        table.AddRow({row.name, "0^a"});
-        continue;
-      }
-      table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
-                    Number(st.GetUpperBound()), Number(st.GetWaldChiSquare()), Number(st.GetDF()),
-                    FormatSignificance(st.GetSignificance())});
-    }
-    bool anyFixed = false;
-    for (const auto* extra : {&r.scale, &r.k}) {
-      if (!*extra) continue;
-      const ParameterRow& row = **extra;
-      const TQRegrParameterStats& st = row.stats;
-      if (row.note == "fixed") {
-        anyFixed = true;
-        table.AddRow({row.name, Number(st.GetEstimate()) + "^b"});
-      } else if (!row.note.empty()) {
-        table.AddRow({row.name, Number(st.GetEstimate()) + "^c"});
-      } else {
-        table.AddRow({row.name, Number(st.GetEstimate()), Number(st.GetStdError()), Number(st.GetLowerBound()),
-                      Number(st.GetUpperBound())});
-      }
-    }
+  WriteParameterTables(out, r);
+
+  if (!r.lmTest.empty()) {
+    const bool directional = r.lmTest == "overdispersion";
+    std::vector<std::string> headers{"Test", "Value tested", directional ? "z" : "Chi-square", "df", "Sig."};
+    if (directional) headers.insert(headers.end(), {"Sig. (>0)", "Sig. (<0)", "Sig. (two-sided)"});
+    std::vector<Align> align(headers.size(), Align::Right);
+    align[0] = Align::Left;
+    TextTable table("\nLagrange multiplier test", headers, align);
+    const char* name = r.lmTest == "scale" ? "Fixed scale" : r.lmTest == "k" ? "Fixed negative binomial k"
+                                                                              : "Poisson overdispersion";
+    std::vector<std::string> cells{name, Number(r.lmValueTested), Number(r.lmValues[0]), Number(r.lmValues[1]),
+                                   FormatSignificance(r.lmValues[2])};
+    if (directional)
+      cells.insert(cells.end(), {FormatSignificance(r.lmValues[3]), FormatSignificance(r.lmValues[4]),
+                                 FormatSignificance(r.lmValues[5])});
+    table.AddRow(std::move(cells));
     table.Write(out);
-    if (anyRedundant) out << "  ^a Aliased: set to zero because it is redundant with the parameters above.\n";
-    if (anyFixed) out << "  ^b Fixed at the displayed value.\n";
-    if (r.scale && !r.scale->note.empty() && r.scale->note != "fixed") {
-      out << "  ^c The scale is " << r.scale->note << ".\n";
-    }
   }
 
   WriteEmmeansText(out, r.emmeans);
@@ -692,11 +768,12 @@ void WriteText(std::ostream& out, const FitReport& r) {
 // ---------------------------------------------------------------------------------------------
 // JSON output.
 
-void JsonStats(JsonWriter& json, const TQRegrParameterStats& st, bool tests) {
+// profile: the limits of the stats are profile likelihood limits (the Wald limits are null).
+void JsonStats(JsonWriter& json, const TQRegrParameterStats& st, bool tests, bool profile) {
   json.Member("estimate", st.GetEstimate());
   json.Member("se", st.GetStdError());
-  json.Member("wald_lower", st.GetLowerBound());
-  json.Member("wald_upper", st.GetUpperBound());
+  json.Member("wald_lower", profile ? TQMV::Missing : st.GetLowerBound());
+  json.Member("wald_upper", profile ? TQMV::Missing : st.GetUpperBound());
   if (tests) {
     json.Member("wald_chisq", st.GetWaldChiSquare());
     json.Member("df", st.GetDF());
@@ -704,14 +781,64 @@ void JsonStats(JsonWriter& json, const TQRegrParameterStats& st, bool tests) {
   }
 }
 
-void JsonExtraRow(JsonWriter& json, const char* key, const std::optional<ParameterRow>& row) {
+// The profile interval of the scale or k, null unless that parameter was estimated.
+void JsonProfileExtra(JsonWriter& json, const char* key, const std::optional<ParameterRow>& row) {
+  json.Key(key);
+  if (!row || !row->note.empty()) {
+    json.Null();
+    return;
+  }
+  json.BeginObject();
+  json.Member("estimate", row->stats.GetEstimate());
+  json.Member("lower", row->stats.GetLowerBound());
+  json.Member("upper", row->stats.GetUpperBound());
+  json.EndObject();
+}
+
+void JsonProfileIntervals(JsonWriter& json, const FitReport& r) {
+  json.Key("profile_ci");
+  json.BeginArray();
+  for (const auto& row : r.parameters) {
+    json.BeginObject();
+    json.Member("term", row.name);
+    json.Member("effect", row.effectIndex);
+    json.Key("categories");
+    json.BeginArray();
+    for (int c : row.categories) json.Integer(c);
+    json.EndArray();
+    json.Member("redundant", row.stats.IsRedundant());
+    json.Member("estimate", row.stats.GetEstimate());
+    json.Member("lower", row.stats.IsRedundant() ? TQMV::Missing : row.stats.GetLowerBound());
+    json.Member("upper", row.stats.IsRedundant() ? TQMV::Missing : row.stats.GetUpperBound());
+    json.EndObject();
+  }
+  json.EndArray();
+  JsonProfileExtra(json, "profile_ci_scale", r.scale);
+  JsonProfileExtra(json, "profile_ci_k", r.k);
+}
+
+void JsonLagrangeMultiplierTests(JsonWriter& json, const FitReport& r) {
+  json.Key("lm_tests");
+  json.BeginArray();
+  if (!r.lmTest.empty()) {
+    static const char* const kKeys[6] = {"statistic", "df", "sig", "sig_greater", "sig_less", "sig_nondirectional"};
+    json.BeginObject();
+    json.Member("test", r.lmTest);
+    json.Member("value_tested", r.lmValueTested);
+    for (int i = 0; i < 6; ++i) json.Member(kKeys[i], r.lmValues[i]);
+    json.EndObject();
+  }
+  json.EndArray();
+}
+
+void JsonExtraRow(JsonWriter& json, const char* key, const std::optional<ParameterRow>& row, bool profile) {
   json.Key(key);
   if (!row) {
     json.Null();
     return;
   }
   json.BeginObject();
-  JsonStats(json, row->stats, false);
+  JsonStats(json, row->stats, false, profile && row->note.empty());
   json.Member("fixed", row->note == "fixed");
   if (!row->note.empty() && row->note != "fixed") json.Member("method", row->note);
   json.EndObject();
@@ -731,6 +858,21 @@ void JsonHeadline(JsonWriter& json, const FitReport& r) {
 
 void WriteJson(JsonWriter& json, const FitReport& r) {
   JsonHeadline(json, r);
+  if (r.ordinal || r.nominal) {
+    // The response categories in the model's order, by code and label, and their weighted counts.
+    json.Key("depend_categories");
+    json.BeginArray();
+    for (int c : r.dependCategories) json.Integer(c);
+    json.EndArray();
+    json.Key("depend_category_labels");
+    json.BeginArray();
+    for (const auto& label : r.dependLabels) json.String(label);
+    json.EndArray();
+    json.Key("response_counts");
+    json.BeginArray();
+    for (double n : r.responseCounts) json.Number(n);
+    json.EndArray();
+  }
   json.Key("cases");
   json.BeginObject();
   json.Member("included", r.included);
@@ -828,12 +970,14 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
       json.Member("response_category", row.target);
     }
     json.Member("redundant", row.stats.IsRedundant());
-    JsonStats(json, row.stats, true);
+    JsonStats(json, row.stats, true, r.profile);
     json.EndObject();
   }
   json.EndArray();
-  JsonExtraRow(json, "scale_stats", r.scale);
-  JsonExtraRow(json, "k_stats", r.k);
+  JsonExtraRow(json, "scale_stats", r.scale, r.profile);
+  JsonExtraRow(json, "k_stats", r.k, r.profile);
+  if (r.profile) JsonProfileIntervals(json, r);
+  JsonLagrangeMultiplierTests(json, r);
   WriteEmmeansJson(json, r.emmeans);
 
   json.Key("convergence");
@@ -878,10 +1022,12 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
 
   std::unique_ptr<IGZLAlgorithm> algorithm(GZLFactory::CreateAlgorithm(s, false));
   if (!algorithm) return Fail(error, "the engine refused the model settings");
-  TableRecordSource source(table);
+  if (!table.Records()) return Fail(error, "no data records");
+  CacheRecordSource source(*table.Records());
   const TQStatus status = algorithm->BuildModel(source);
   records.Finish();
   iterations.Finish();
+  if (source.Failed()) return Fail(error, "the records could not be read back from the temporary file");
   if (status.GetErrorCode() == GZLStatusCode::Cancelled && status.IsError()) {
     return Fail(error, "the fit was cancelled");
   }
@@ -901,6 +1047,7 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   GatherParameters(o, table, terms, s, *stats, report);
   GatherEffectTests(o, terms, *stats, report.effectTests);
   GatherEmmeans(o, table, *stats, report.emmeans);
+  GatherLagrangeMultiplierTest(o, s, *stats, report);
   report.convergence = StoppingText(stats->GetEstimStopCriterion());
   report.iterations = iterations.LastIteration();
   AddWarnings(report.warnings, stats->GetBuildModelWarnings());
@@ -908,6 +1055,8 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   AddWarnings(report.warnings, stats->GetEffectAnalysisWarnings());
   AddWarnings(report.warnings, algorithm->GetEmmeansWarnings());
   if (status.IsWarning()) AddWarnings(report.warnings, {status});
+
+  if (!o.pmmlPath.empty() && !WritePmmlFile(o.pmmlPath, *algorithm, s, table, error)) return false;
 
   // Written whole only once everything is gathered, so that a failure leaves no partial output.
   std::ostringstream text;

@@ -11,15 +11,17 @@
 
 // What the caller hangs on the fit besides the model: where progress goes and who may cancel.
 struct FitHooks {
-  // Progress lines (records read in the first pass, then iterations); null for none.
+  // Progress lines (bytes read from a large data file, records of the first pass, then
+  // iterations); null for none.
   std::ostream* progress = nullptr;
   // The progress stream is a terminal: lines overwrite one another.
   bool progressIsTerminal = false;
-  // Asked by the engine once per record and once per iteration; null for none.
+  // Asked between blocks of the data file, then by the engine once per record and once per
+  // iteration; null for none.
   TQQueryCancel* cancel = nullptr;
 };
 
-// Fits the model to the table's records and writes the results to out: readable tables after
+// Fits the model to the table's records (streamed from its record cache) and writes the results to out: readable tables after
 // the model information that the caller has already written, or, with options.json, the whole
 // output as one JSON document (the model information under "model"). Nothing is written when
 // the fit fails. Returns false with a one-line message when the model cannot be fitted; a fit

@@ -4,7 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include "support/TQMV.h"
 #include "tools/TextTable.h"
 
 namespace {
@@ -12,10 +11,7 @@ namespace {
 constexpr std::size_t kMaxLabelsShown = 10;
 
 std::size_t MissingCount(const CsvTable& table, int column) {
-  if (column < 0) return 0;
-  std::size_t n = 0;
-  for (std::size_t r = 0; r < table.NumRows(); ++r) n += TQMV::IsMissing(table.Value(r, column)) ? 1 : 0;
-  return n;
+  return column < 0 ? 0 : static_cast<std::size_t>(table.Column(static_cast<std::size_t>(column)).missing);
 }
 
 std::string LabelList(const CsvColumn& column) {
@@ -125,7 +121,9 @@ void WriteModelInfoText(std::ostream& out, const FitOptions& o, const CsvTable& 
   info.AddRow({"Distribution", DistributionText(o)});
   info.AddRow({"Link", LinkText(o)});
   info.AddRow({"Scale", ScaleText(o)});
-  info.AddRow({"Intercept", o.intercept ? "yes" : "no"});
+  const bool ordinal = o.distribution == TQConst::DistOrdinalMultinomial;
+  // The thresholds of an ordinal model take the intercept's place, asked for or not.
+  info.AddRow({"Intercept", ordinal ? "thresholds" : (o.intercept ? "yes" : "no")});
   if (!o.offsetVariable.empty()) info.AddRow({"Offset", o.offsetVariable});
   if (o.offsetValue) info.AddRow({"Offset", FormatNumber(*o.offsetValue, 10)});
   if (!o.frequencyWeight.empty()) info.AddRow({"Frequency weight", o.frequencyWeight});
@@ -158,7 +156,10 @@ void WriteModelInfoText(std::ostream& out, const FitOptions& o, const CsvTable& 
 
   TextTable effects("\nEffects", {"#", "Effect"}, {TextTable::Align::Right, TextTable::Align::Left});
   std::size_t k = 0;
-  if (o.intercept) effects.AddRow({std::to_string(k++), "(Intercept)"});
+  if (ordinal)
+    effects.AddRow({std::to_string(k++), "(Thresholds)"});
+  else if (o.intercept)
+    effects.AddRow({std::to_string(k++), "(Intercept)"});
   for (const auto& term : terms) effects.AddRow({std::to_string(k++), term.Text()});
   if (!effects.Empty()) effects.Write(out);
 

@@ -111,10 +111,10 @@ constexpr int kInterruptedExit = 130;
 
 // The fit with progress on stderr (so that it never mixes with the results; by default only
 // for a person at a terminal) and Ctrl-C cancelling it.
-int RunFitWithHooks(const FitOptions& options, bool progress) {
+int RunFitWithHooks(const FitOptions& options, bool progress, bool quiet) {
   const bool terminal = isatty(STDERR_FILENO) != 0;
   FitHooks hooks;
-  if (progress || terminal) {
+  if (!quiet && (progress || terminal)) {
     hooks.progress = &std::cerr;
     hooks.progressIsTerminal = terminal;
   }
@@ -136,6 +136,7 @@ struct CommandLineExtras {
   std::vector<std::string> effects;
   bool noIntercept = false;
   bool progress = false;
+  bool quiet = false;
 };
 
 void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
@@ -235,6 +236,19 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
             "Wald tests of model effects: type1 (sequential), type3 (each effect adjusted for all others), both "
             "or none (default none)")
       ->group(output);
+  AddChoice(fit, "--effect-statistic", o.effectStatistic, EffectStatisticNames(),
+            "Statistic of the tests of model effects: wald, or lr (likelihood ratio: the model refitted under "
+            "each effect's hypothesis) (default wald)")
+      ->group(output);
+  AddChoice(fit, "--ci", o.ciType, CITypeNames(),
+            "Confidence intervals of the parameters: wald or profile (profile likelihood) (default wald)")
+      ->group(output);
+  fit.add_flag("--overdispersion-test", o.overdispersionTest,
+               "Poisson models: Lagrange multiplier test against overdispersion")
+      ->group(output);
+  AddOptional(fit, "--refit-tolerance", o.refitTolerance,
+              "Log-likelihood tolerance of likelihood-ratio refits and profile intervals (default 1e-4)")
+      ->group(output);
   fit.add_flag("--json", o.json, "Write the output as one JSON document")->group(output);
 
   const std::string emmeans = "Estimated marginal means";
@@ -271,8 +285,14 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
             "freedom); default chisq")
       ->group(emmeans);
   fit.add_flag("--dry-run", o.dryRun, "Describe the model that would be fitted, and stop")->group(output);
-  fit.add_flag("--progress", x.progress,
-               "Report records read and iterations on stderr even when it is not a terminal")
+  fit.add_option("--pmml", o.pmmlPath, "Write the fitted model as a PMML document to this file")
+      ->type_name("FILE.xml")
+      ->group(output);
+  auto* progress = fit.add_flag("--progress", x.progress,
+                                "Report records read and iterations on stderr even when it is not a terminal")
+                       ->group(output);
+  fit.add_flag("--quiet", x.quiet, "Report no progress on stderr, not even at a terminal")
+      ->excludes(progress)
       ->group(output);
 }
 
@@ -329,7 +349,7 @@ int main(int argc, char** argv) {
 
     std::string error;
     if (!ApplyExtras(extras, options, error)) return Fail(error);
-    return RunFitWithHooks(options, extras.progress);
+    return RunFitWithHooks(options, extras.progress, extras.quiet);
   } catch (const std::bad_alloc&) {
     return Fail("out of memory");
   } catch (const std::exception& e) {
