@@ -192,9 +192,9 @@ TQStatus GEEAlgorithm::BuildModel(IGZLRecordSource& source) {
   fEmmeansWarnings.clear();
   if (fStatus.IsError() || !fbSetupDone) return fStatus;
   // The estimating equations of a nominal response have no variance function to stand on
-  // (every record would be refused: the model cannot be built); those of an ordinal response
-  // are not part of this build.
-  if (fpSettings->IsMultinomial()) return fStatus = TQStatus::Error(GZLStatusCode::CantBuildModel);
+  // (every record would be refused: the model cannot be built).
+  if (fpSettings->GetDistType() == TQConst::DistNominalMultinomial)
+    return fStatus = TQStatus::Error(GZLStatusCode::CantBuildModel);
 
   // The rewind result is not checked here: the first pass asks again and ends with NewPass.
   source.Rewind();

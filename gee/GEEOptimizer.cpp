@@ -6,6 +6,7 @@
 #include "GZLProgress.h"
 #include "diagnostics/GZLComponentDisplay_940.h"
 #include "gee/GEEDesignMatrix.h"
+#include "gee/GEEWorkCorrForMultinomial.h"
 #include "support/TQDisplay_940.h"
 
 namespace {
@@ -20,12 +21,19 @@ bool ScaleIsEstimated(const GZLSettings& s) {
          (d == TQConst::DistNormal || d == TQConst::DistGamma || d == TQConst::DistInvGaussian);
 }
 
+// The block estimators of an ordinal response, else those of one value per record.
+std::unique_ptr<GEEWorkCorrelation> MakeCorrelation(GEEDesignMatrix& design, const GZLSettings& s) {
+  if (s.GetDistType() == TQConst::DistOrdinalMultinomial)
+    return std::make_unique<GEEWorkCorrForMultinomial>(design, s);
+  return std::make_unique<GEEWorkCorrelation>(design, s);
+}
+
 }  // namespace
 
 GEEOptimizer::GEEOptimizer(GEEDesignMatrix& design, const GZLSettings& settings)
     : GZLOptimizer(settings),
       fpDesign(&design),
-      fpCorrelation(std::make_unique<GEEWorkCorrelation>(design, settings)),
+      fpCorrelation(MakeCorrelation(design, settings)),
       fPass(settings),
       fbScaleEstimated(ScaleIsEstimated(settings)),
       fUpdateCorr(settings.GetUpdateCorr()),

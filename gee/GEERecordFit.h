@@ -10,6 +10,7 @@
 #include "estimation/GZLLinearPredictor.h"
 #include "include/GZLVarianceFunc.h"
 #include "support/ITQLinkFunc.h"
+#include "support/LinkFunctions.h"
 #include "support/TQMV.h"
 
 struct GEERecordFit {
@@ -49,4 +50,30 @@ inline GEERecordFit GEEFitRecord(const GZLDesignRow& row, const double* beta, st
     if (!TQMV::IsMissingOrInfinite(g1)) fit.fG1 = g1;
   }
   return fit;
+}
+
+// An ordinal record at beta = (theta_0 .. theta_{T-1}, b), T = C - 1 thresholds: the C - 1
+// category probabilities pi_c = F(theta_c - lambda) - F(theta_{c-1} - lambda), lambda = x'b -
+// offset, each a difference of the link's tails taken where it does not cancel. points holds
+// T + 2 entries: the bottom of the scale, the points at the thresholds (their densities are the
+// derivatives of the cumulative probabilities), the top. y is the response category (the row's
+// response rounded), pi T entries. False, when the row has not `columns` values, the response
+// is not one of the C categories, the link cannot take an argument or a probability lies outside
+// (0, 1): the record is refused.
+inline bool GEEFitOrdinalRecord(const GZLDesignRow& row, const double* beta, int T, std::size_t columns,
+                                const TQCumulativeLinkFunc& link, TQCumulativePoint* points, double* pi, int& y) {
+  if (row.fbInvalid || row.fValues.size() != columns || T < 1 || TQMV::IsMissing(row.fResponse)) return false;
+  const double shifted = row.fResponse + 0.5;
+  if (!(shifted >= 0.0 && shifted < static_cast<double>(T + 1))) return false;
+  y = static_cast<int>(shifted);
+  const double lambda = GZLLinearPredictor(row.fValues.data(), beta + T, columns, -row.fOffset);
+  points[0] = TQCumulativePoint();
+  points[T + 1] = TQCumulativePoint{1.0, 0.0, 0.0, 0.0};
+  for (int t = 0; t < T; ++t)
+    if (!link.Evaluate(beta[t] - lambda, points[t + 1])) return false;
+  for (int c = 0; c < T; ++c) {
+    pi[c] = TQCumulativeLinkFunc::IntervalProb(points[c], points[c + 1]);
+    if (!(pi[c] > 0.0 && pi[c] < 1.0)) return false;
+  }
+  return true;
 }

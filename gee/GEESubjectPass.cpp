@@ -66,7 +66,15 @@ GEESubjectPass::GEESubjectPass(const GZLSettings& settings)
       // The information of the independence model is the observed one where the fit of the
       // generalized linear model ends under observed information (Newton-Raphson, hybrid).
       fbObservedInformation(settings.GetHessianCompMethod() == TQConst::HessianNewtonRaphson ||
-                            settings.GetHessianCompMethod() == TQConst::HessianHybrid) {}
+                            settings.GetHessianCompMethod() == TQConst::HessianHybrid),
+      fbOrdinal(settings.GetDistType() == TQConst::DistOrdinalMultinomial) {
+  if (fbOrdinal) {
+    fpCumulative = dynamic_cast<const TQCumulativeLinkFunc*>(fpLink.get());
+    fNThresholds = std::max(settings.GetDependentSize() - 1, 0);
+    fPoints.resize(static_cast<std::size_t>(fNThresholds) + 2);
+    fPi.resize(static_cast<std::size_t>(fNThresholds));
+  }
+}
 
 GEESubjectPass::~GEESubjectPass() = default;
 
@@ -94,7 +102,9 @@ TQStatus GEESubjectPass::Run(GEEDesignMatrix& design, const std::vector<double>&
   fpBeta = beta.data();
   fPhi = phi;
   fR = R;
-  rTransformed = fR.TransformToPositiveDefinite(kPositiveDefiniteTolerance);
+  // An ordinal response makes each subject's block positive definite instead (InvertCorrelation).
+  rTransformed = fbOrdinal ? false : fR.TransformToPositiveDefinite(kPositiveDefiniteTolerance);
+  fbBlockTransformed = false;
   fbInverseValid = false;
   fbHasQuasiLikelihood = robust && fpQuasi != nullptr;
   if (fpQuasi) fpQuasi->SetPhi(phi);
@@ -104,12 +114,14 @@ TQStatus GEESubjectPass::Run(GEEDesignMatrix& design, const std::vector<double>&
   } else {
     fSums.fpInformation = nullptr;
   }
-  if (!fpLink || !fpVariance || static_cast<int>(beta.size()) < fP)
-    return TQStatus::Error(GZLStatusCode::CantBuildModel);
+  const bool functions = fbOrdinal ? fpCumulative != nullptr && fNThresholds > 0 : fpLink && fpVariance;
+  if (!functions || static_cast<int>(beta.size()) < fP) return TQStatus::Error(GZLStatusCode::CantBuildModel);
+  if (fbOrdinal) fFullRow.resize(static_cast<std::size_t>(fP));
 
   TQStatus status = GEERunSubjects(design, fSubject, fSums,
                                    [this](const GEESubject& s, GEEPassSums& sums) { return AddSubject(s, sums); });
   fSums.FlushPending();
+  if (fbOrdinal) rTransformed = fbBlockTransformed;
   if (status.IsError()) return status;
   if (fSums.fNValid == 0 || fSums.fbFailed) return TQStatus::Error(GZLStatusCode::CantBuildModel);
   if (!std::isfinite(fSums.fPearson.GetValue())) return TQStatus::Error(GZLStatusCode::CantBuildModel);
@@ -125,6 +137,9 @@ bool GEESubjectPass::InvertCorrelation(int n) {
   fV.Resize(n);
   for (int j = 0; j < n; ++j)
     for (int k = 0; k <= j; ++k) fV(j, k) = fR(fPos[static_cast<std::size_t>(j)], fPos[static_cast<std::size_t>(k)]);
+  // The block R of an ordinal response need not be positive definite as a whole; each subject's
+  // block is made so (the cache keeps the transformed block's inverse).
+  if (fbOrdinal && fV.TransformToPositiveDefinite(kPositiveDefiniteTolerance)) fbBlockTransformed = true;
   // As the information is inverted: the diagonal checked against the tolerance (from two rows
   // on), the Cholesky generalized inverse, small off-diagonal elements of the inverse set to 0.
   if (n < 2)
@@ -143,19 +158,20 @@ bool GEESubjectPass::InvertCorrelation(int n) {
   return true;
 }
 
-bool GEESubjectPass::AddSubject(const GEESubject& subject, GEEPassSums& sums) {
-  const int K = static_cast<int>(fActive.size());
-  const int n = subject.fNRecords;
-  const double w = subject.GetFreqWeight();
-  const std::size_t P = static_cast<std::size_t>(fP);
-  const std::size_t needed = static_cast<std::size_t>(n);
+void GEESubjectPass::Reserve(int n, int perRecord, int K) {
+  const std::size_t needed = static_cast<std::size_t>(n) * static_cast<std::size_t>(perRecord);
   if (fE.size() < needed) {
     fE.resize(needed);
     fPos.resize(needed);
   }
-  if (fD.size() < needed * K) fD.resize(needed * K);
-  const int d = fR.GetNumRows();
+  if (fD.size() < needed * static_cast<std::size_t>(K)) fD.resize(needed * static_cast<std::size_t>(K));
+}
 
+int GEESubjectPass::ScalarRows(const GEESubject& subject, GEEPassSums& sums) {
+  const int K = static_cast<int>(fActive.size());
+  const int n = subject.fNRecords;
+  const std::size_t P = static_cast<std::size_t>(fP);
+  Reserve(n, 1, K);
   // Valid records: the rows of D and e, each divided by the record's standard deviation
   // s = sqrt(V / a), so that V_i = phi S R_i S leaves the correlation block R_i to invert.
   int nv = 0;
@@ -192,6 +208,63 @@ bool GEESubjectPass::AddSubject(const GEESubject& subject, GEEPassSums& sums) {
     fPos[static_cast<std::size_t>(nv)] = given >= 0 ? given : j;
     ++nv;
   }
+  return nv;
+}
+
+int GEESubjectPass::OrdinalRows(const GEESubject& subject, GEEPassSums& sums) {
+  const int K = static_cast<int>(fActive.size());
+  const int n = subject.fNRecords;
+  const int T = fNThresholds;
+  const std::size_t columns = static_cast<std::size_t>(fP - T);
+  Reserve(n, T, K);
+  const TQCumulativePoint* pt = fPoints.data();
+  double* full = fFullRow.data();
+  int nv = 0;
+  for (int j = 0; j < n; ++j) {
+    const GZLDesignRow& row = subject.fRows[static_cast<std::size_t>(j)];
+    const double a = row.fScaleWeight;
+    int y = -1;
+    if (!GEEFitOrdinalRecord(row, fpBeta, T, columns, *fpCumulative, fPoints.data(), fPi.data(), y) || !(a > 0.0)) {
+      ++sums.fNInvalid;
+      continue;
+    }
+    ++sums.fNValid;
+    const double f = row.fFreqWeight;
+    const double* x = row.fValues.data();
+    const int given = subject.fPositions[static_cast<std::size_t>(j)];
+    const int pos = given >= 0 ? given : j;
+    for (int c = 0; c < T; ++c) {
+      // d pi_c / d theta_c = f_c, d pi_c / d theta_{c-1} = -f_{c-1}, d pi_c / d b = -(f_c - f_{c-1}) x
+      // (f_c the density at theta_c - lambda; the bottom of the scale has density 0).
+      const double fc = pt[c + 1].density;
+      const double fb = pt[c].density;
+      const double pi = fPi[static_cast<std::size_t>(c)];
+      const double V = pi * (1.0 - pi);
+      const double e = (y == c ? 1.0 : 0.0) - pi;
+      sums.fPearson.accumulate(e, a, V, f);
+      std::fill(full, full + T, 0.0);
+      full[c] = fc;
+      if (c > 0) full[c - 1] = -fb;
+      const double slope = -(fc - fb);
+      for (std::size_t k = 0; k < columns; ++k) full[static_cast<std::size_t>(T) + k] = slope * x[k];
+      if (fbRobust) AddIndependenceIndicator(full, f * a / V, sums);
+      const double sd = std::sqrt(V / a);
+      const double inv = 1.0 / sd;
+      double* dj = fD.data() + static_cast<std::size_t>(nv) * K;
+      for (int k = 0; k < K; ++k) dj[k] = full[fActive[static_cast<std::size_t>(k)]] * inv;
+      fE[static_cast<std::size_t>(nv)] = e * inv;
+      fPos[static_cast<std::size_t>(nv)] = pos * T + c;
+      ++nv;
+    }
+  }
+  return nv;
+}
+
+bool GEESubjectPass::AddSubject(const GEESubject& subject, GEEPassSums& sums) {
+  const int K = static_cast<int>(fActive.size());
+  const double w = subject.GetFreqWeight();
+  const int d = fR.GetNumRows();
+  const int nv = fbOrdinal ? OrdinalRows(subject, sums) : ScalarRows(subject, sums);
   // A pass whose first records are all refused for the link stops here.
   if (sums.fNValid == 0 && sums.fNInvalid > 0) return false;
   if (nv == 0) return true;
@@ -303,6 +376,19 @@ void GEESubjectPass::AddIndependenceTerms(const double* x, const GEERecordFit& f
   }
   const double W = sums.fpInformation->RecordWeight(f * a, fit.fY, fit.fMu, fit.fV, Vd, fit.fG1, g2);
   sums.fpInformation->UpdateForRow(fIndices.data(), fValues.data(), static_cast<int>(fIndices.size()), W, 0.0, 0.0);
+}
+
+void GEESubjectPass::AddIndependenceIndicator(const double* full, double weight, GEEPassSums& sums) {
+  if (!(fPhi > 0.0)) return;
+  fIndices.clear();
+  fValues.clear();
+  for (int c = 0; c < fP; ++c) {
+    if (full[c] == 0.0) continue;
+    fIndices.push_back(c);
+    fValues.push_back(full[c]);
+  }
+  sums.fpInformation->UpdateForRow(fIndices.data(), fValues.data(), static_cast<int>(fIndices.size()), weight / fPhi,
+                                   0.0, 0.0);
 }
 
 void GEESubjectPass::Expand(const std::vector<double>& packed, TQSymMatrix& out) const {

@@ -10,6 +10,14 @@
 // and the generalized linear model's information of the independence model (the QIC trace term
 // needs it at the same estimates and phi).
 //
+// An ordinal response (cumulative links) enters as the C - 1 indicators 1(y = c) of each record,
+// c = 0 .. C - 2, at the positions (C - 1) pos + c of the block working correlation: the rows of
+// D_i are the derivatives of the category probabilities pi_c, the residuals 1(y = c) - pi_c and
+// the standard deviations s = sqrt(pi_c (1 - pi_c) / a), so that V_i = phi S R_i S has the
+// record's own block diag(pi_c (1 - pi_c)). Each subject's block R_i is made positive definite
+// on its own. The independence information of the robust pass is then sum w dpi dpi' / (phi
+// pi (1 - pi)) over the indicators, and there is no quasi-likelihood.
+//
 // U, H and M are kept over the parameters in the model only (set by SetActive) and expanded to
 // all P parameters when read. Per-subject work lives in buffers that grow to the largest subject
 // and are reused: a pass allocates nothing per record once they have grown.
@@ -23,6 +31,7 @@
 #include "gee/GEEDesignMatrix.h"
 #include "gee/GEEQuasiLikelihood.h"
 #include "gee/GEERecordFit.h"
+#include "support/LinkFunctions.h"
 #include "support/TQBitSet.h"
 #include "support/TQStatus.h"
 #include "support/TQSymMatrix.h"
@@ -86,8 +95,8 @@ class GEESubjectPass {
   // The parameters that take part (set bit = in the model), P of them.
   void SetActive(const TQBitSet& inModel);
 
-  // One pass at beta (P values) with R and phi. R is made positive definite first (rTransformed
-  // tells whether that changed it). Errors: NewPass, 1 (cancelled), CantBuildModel (no valid
+  // One pass at beta (P values) with R and phi. R is made positive definite first, or each
+  // subject's block of it for an ordinal response (rTransformed tells whether that changed it). Errors: NewPass, 1 (cancelled), CantBuildModel (no valid
   // record, a failed subject, or a Pearson sum that is not finite).
   TQStatus Run(GEEDesignMatrix& design, const std::vector<double>& beta, const TQSymMatrix& R, double phi,
                bool robust, bool& rTransformed);
@@ -106,6 +115,13 @@ class GEESubjectPass {
  private:
   // One subject into sums; false ends the pass.
   bool AddSubject(const GEESubject& subject, GEEPassSums& sums);
+  // The rows of D, the residuals and the positions of a subject's valid records (each divided
+  // by its standard deviation), for a response with a variance function or for the indicators of
+  // an ordinal response; the count of rows.
+  int ScalarRows(const GEESubject& subject, GEEPassSums& sums);
+  int OrdinalRows(const GEESubject& subject, GEEPassSums& sums);
+  // Room for the rows of n records of `perRecord` rows each, K columns.
+  void Reserve(int n, int perRecord, int K);
   // The generalized inverse of the block of R at the first n positions of fPos into fG; false
   // when no position stays. The inverse of V_i is S^-1 fG S^-1 / phi: inverting the correlation
   // block lets the tolerances act on a matrix free of the data's scale, as the information of
@@ -114,6 +130,9 @@ class GEESubjectPass {
   // Robust pass: a valid record's quasi-likelihood term and its share of the information of
   // the independence model.
   void AddIndependenceTerms(const double* x, const GEERecordFit& fit, double f, double a, GEEPassSums& sums);
+  // Robust pass, ordinal response: one indicator's share of the independence information,
+  // weight dpi dpi' / phi with its derivative row over all P parameters.
+  void AddIndependenceIndicator(const double* full, double weight, GEEPassSums& sums);
   // Expands a packed K x K matrix over the active parameters to P x P.
   void Expand(const std::vector<double>& packed, TQSymMatrix& out) const;
 
@@ -125,6 +144,15 @@ class GEESubjectPass {
   GEEResponseCoding fCoding;
   double fTolerance;
   bool fbObservedInformation;
+  // Ordinal response: the cumulative link, the number of thresholds, the per-record points and
+  // probabilities, and the derivative row of one indicator over all P parameters.
+  bool fbOrdinal;
+  const TQCumulativeLinkFunc* fpCumulative = nullptr;
+  int fNThresholds = 0;
+  std::vector<TQCumulativePoint> fPoints;
+  std::vector<double> fPi;
+  std::vector<double> fFullRow;
+  bool fbBlockTransformed = false;
   int fP = 0;
   std::vector<int> fActive;
   bool fbHasQuasiLikelihood = false;

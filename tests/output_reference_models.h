@@ -80,6 +80,7 @@ class TableSource : public IGZLRecordSource {
     return s;
   }
   size_t NumRows() const { return fRows.size(); }
+  const std::vector<std::vector<double>>& Rows() const { return fRows; }
   int fRewinds = 0;
 
   bool HasMoreRecords() override { return fNext < fRows.size(); }
