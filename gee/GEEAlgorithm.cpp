@@ -257,9 +257,10 @@ void GEEAlgorithm::RunInference() {
 void GEEAlgorithm::RunEffectTests() {
   // Their hypotheses come from the weighted cross-products of the design at the final
   // estimates: the information of the independence model of the robust pass (a multiple of
-  // X'WX, which leaves the hypotheses unchanged).
+  // X'WX, which leaves the hypotheses unchanged), over the basic design for an ordinal
+  // response (the test data check its size).
   const TQSymMatrix& crossProducts = fpOptimizer->GetIndependenceInformation();
-  if (crossProducts.GetNumRows() == fpOptimizer->GetNumParams())
+  if (crossProducts.GetNumRows() > 0)
     GZLAlgorithm::AddWarning(fEffectTestWarnings,
                              fpInference->SetEffectTestData(std::make_unique<GZLModelEffectTestData>(
                                  *fpSettings, fEffectInfo, fpOptimizer->GetNumParams(), crossProducts)));

@@ -90,8 +90,11 @@ void GEESubjectPass::SetActive(const TQBitSet& inModel) {
   inModel.GetSetIndices(fActive);
   fIndices.reserve(static_cast<std::size_t>(fP));
   fValues.reserve(static_cast<std::size_t>(fP));
-  if (!fpInformation || fpInformation->GetNumParams() != fP)
-    fpInformation = std::make_unique<GZLHessianMatrix>(fP, nullptr, *fpSettings);
+  // An ordinal model's cross-products are those of its basic design: one column for the
+  // thresholds, then the row's columns.
+  const int size = fbOrdinal ? fP - fNThresholds + 1 : fP;
+  if (!fpInformation || fpInformation->GetNumParams() != size)
+    fpInformation = std::make_unique<GZLHessianMatrix>(size, nullptr, *fpSettings);
 }
 
 TQStatus GEESubjectPass::Run(GEEDesignMatrix& design, const std::vector<double>& beta, const TQSymMatrix& R,
@@ -233,6 +236,7 @@ int GEESubjectPass::OrdinalRows(const GEESubject& subject, GEEPassSums& sums) {
     const double* x = row.fValues.data();
     const int given = subject.fPositions[static_cast<std::size_t>(j)];
     const int pos = given >= 0 ? given : j;
+    double lambdaWeight = 0.0;
     for (int c = 0; c < T; ++c) {
       // d pi_c / d theta_c = f_c, d pi_c / d theta_{c-1} = -f_{c-1}, d pi_c / d b = -(f_c - f_{c-1}) x
       // (f_c the density at theta_c - lambda; the bottom of the scale has density 0).
@@ -247,7 +251,7 @@ int GEESubjectPass::OrdinalRows(const GEESubject& subject, GEEPassSums& sums) {
       if (c > 0) full[c - 1] = -fb;
       const double slope = -(fc - fb);
       for (std::size_t k = 0; k < columns; ++k) full[static_cast<std::size_t>(T) + k] = slope * x[k];
-      if (fbRobust) AddIndependenceIndicator(full, f * a / V, sums);
+      lambdaWeight += slope * slope / V;
       const double sd = std::sqrt(V / a);
       const double inv = 1.0 / sd;
       double* dj = fD.data() + static_cast<std::size_t>(nv) * K;
@@ -256,6 +260,7 @@ int GEESubjectPass::OrdinalRows(const GEESubject& subject, GEEPassSums& sums) {
       fPos[static_cast<std::size_t>(nv)] = pos * T + c;
       ++nv;
     }
+    if (fbRobust) AddOrdinalCrossProducts(x, columns, f * a * lambdaWeight, sums);
   }
   return nv;
 }
@@ -378,14 +383,17 @@ void GEESubjectPass::AddIndependenceTerms(const double* x, const GEERecordFit& f
   sums.fpInformation->UpdateForRow(fIndices.data(), fValues.data(), static_cast<int>(fIndices.size()), W, 0.0, 0.0);
 }
 
-void GEESubjectPass::AddIndependenceIndicator(const double* full, double weight, GEEPassSums& sums) {
+void GEESubjectPass::AddOrdinalCrossProducts(const double* x, std::size_t columns, double weight,
+                                             GEEPassSums& sums) {
   if (!(fPhi > 0.0)) return;
   fIndices.clear();
   fValues.clear();
-  for (int c = 0; c < fP; ++c) {
-    if (full[c] == 0.0) continue;
-    fIndices.push_back(c);
-    fValues.push_back(full[c]);
+  fIndices.push_back(0);
+  fValues.push_back(1.0);
+  for (std::size_t k = 0; k < columns; ++k) {
+    if (x[k] == 0.0) continue;
+    fIndices.push_back(static_cast<int>(k) + 1);
+    fValues.push_back(x[k]);
   }
   sums.fpInformation->UpdateForRow(fIndices.data(), fValues.data(), static_cast<int>(fIndices.size()), weight / fPhi,
                                    0.0, 0.0);

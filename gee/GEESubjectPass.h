@@ -15,8 +15,9 @@
 // D_i are the derivatives of the category probabilities pi_c, the residuals 1(y = c) - pi_c and
 // the standard deviations s = sqrt(pi_c (1 - pi_c) / a), so that V_i = phi S R_i S has the
 // record's own block diag(pi_c (1 - pi_c)). Each subject's block R_i is made positive definite
-// on its own. The independence information of the robust pass is then sum w dpi dpi' / (phi
-// pi (1 - pi)) over the indicators, and there is no quasi-likelihood.
+// on its own. The robust pass then gathers the weighted cross-products of the basic design (a
+// column for the thresholds, then the row's columns) for the hypotheses of the effect tests, and
+// no quasi-likelihood.
 //
 // U, H and M are kept over the parameters in the model only (set by SetActive) and expanded to
 // all P parameters when read. Per-subject work lives in buffers that grow to the largest subject
@@ -130,9 +131,10 @@ class GEESubjectPass {
   // Robust pass: a valid record's quasi-likelihood term and its share of the information of
   // the independence model.
   void AddIndependenceTerms(const double* x, const GEERecordFit& fit, double f, double a, GEEPassSums& sums);
-  // Robust pass, ordinal response: one indicator's share of the independence information,
-  // weight dpi dpi' / phi with its derivative row over all P parameters.
-  void AddIndependenceIndicator(const double* full, double weight, GEEPassSums& sums);
+  // Robust pass, ordinal response: a record's share of the weighted cross-products of the basic
+  // design (1, x), weight f a sum_c (d pi_c / d lambda)^2 / (phi pi_c (1 - pi_c)), so that their
+  // x block is that of the independence information.
+  void AddOrdinalCrossProducts(const double* x, std::size_t columns, double weight, GEEPassSums& sums);
   // Expands a packed K x K matrix over the active parameters to P x P.
   void Expand(const std::vector<double>& packed, TQSymMatrix& out) const;
 

@@ -137,6 +137,8 @@ TEST(GEEOrdinal, ReferenceFits) {
     SCOPED_TRACE(c->name);
     ASSERT_TRUE(c->ok) << c->problem;
     output_test::ApplyGeeKeys(*c);
+    c->settings.SetEffectAnalysisType(TQConst::EffectTypeIII);
+    c->settings.SetEffectAnalysisStat(GZLConst_940::EffectStatWald);
     Fit f = RunFit(c->settings, *c->source);
     ASSERT_FALSE(f.status.IsError()) << f.status.GetErrorCode();
     ASSERT_NE(f.stats, nullptr);
@@ -177,6 +179,28 @@ TEST(GEEOrdinal, ReferenceFits) {
     EXPECT_FALSE(f.stats->GetRTransformedIndicator());
     EXPECT_EQ(f.stats->GetNumOfRecords(), e["n_records"].get<int>());
     EXPECT_EQ(gee->GetGEEOptimizer()->GetFinalRedunInfo().Count(), e["n_nonredundant"].get<int>());
+    // No effect here contains another: the type III hypothesis of an effect is its own
+    // parameters (after the thresholds), and the Wald statistic is b' C^-1 b over its
+    // non-redundant ones with the covariance chosen for inference.
+    const std::vector<GZLEffectInfo>& effects = f.algorithm->GetEffectInfo();
+    for (size_t i = 0; i < effects.size(); ++i) {
+      std::vector<int> cols;
+      for (int j = T + effects[i].fStart; j < T + effects[i].fStart + effects[i].fNValues; ++j)
+        if (!f.stats->GetRedundancyIndicators()[static_cast<std::size_t>(j)]) cols.push_back(j);
+      const int n = static_cast<int>(cols.size());
+      TQSymMatrix block(n), inverse;
+      for (int a = 0; a < n; ++a)
+        for (int b = 0; b <= a; ++b) block(a, b) = f.stats->GetCovarianceMatrix()(cols[a], cols[b]);
+      std::vector<double> diagonal, bJ;
+      block.GetDiagonal(diagonal);
+      TQBitSet set;
+      ASSERT_EQ(block.CholInverse(diagonal, 1e-12, inverse, set), n);
+      for (int j : cols) bJ.push_back(f.stats->GetParamEstimates()[static_cast<std::size_t>(j)]);
+      const TQModelTestStats::Test* test = f.stats->GetTypeIIITestStats().FindEffect(static_cast<int>(i) + 1);
+      ASSERT_NE(test, nullptr);
+      EXPECT_EQ(test->fDF, n);
+      EXPECT_NEAR(test->fChiSquare, inverse.ComputeVSV(bJ), 1e-8 * test->fChiSquare);
+    }
     EXPECT_EQ(f.stats->GetNumberOfSubjects(), e["n_subjects"].get<int>());
     EXPECT_EQ(f.stats->GetMinMeasurePerSubject(), e["min_subject_size"].get<int>());
     EXPECT_EQ(f.stats->GetMaxMeasurePerSubject(), e["max_subject_size"].get<int>());
