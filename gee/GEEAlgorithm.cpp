@@ -131,15 +131,28 @@ TQStatus GEEAlgorithm::DesignRedundancy(TQBitSet& inModel) {
   GZLStatFactory factory(rows, *fpSettings);
   TQStatus status = factory.GetStatus();
   if (status.IsError()) return status;
+  // An ordinal design's thresholds stand in for an intercept: its columns are swept after a
+  // column of ones, and every threshold stays in the model.
+  const bool ordinal = fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial;
   TQSymMatrix xx;
-  factory.ComputeCrossProducts(status, xx);
+  factory.ComputeCrossProducts(status, xx, ordinal);
   if (status.IsError()) return status;
   const int P = fpDesignMatrix->GetNumOfParams();
+  const int n = xx.GetNumRows();
   std::vector<double> diagonal;
   xx.GetDiagonal(diagonal);
-  inModel = TQBitSet(P, false);
-  xx.Sweep(0, P, fpSettings->GetTolerance(), diagonal, inModel);
-  inModel.Resize(P, false);
+  TQBitSet swept(n, false);
+  xx.Sweep(0, n, fpSettings->GetTolerance(), diagonal, swept);
+  swept.Resize(n, false);
+  if (!ordinal) {
+    inModel = swept;
+    inModel.Resize(P, false);
+    return status;
+  }
+  const int T = P - (n - 1);
+  inModel = TQBitSet(P, true);
+  for (int k = 1; k < n; ++k)
+    if (!swept.Test(k)) inModel.Set(T + k - 1, false);
   return status;
 }
 
