@@ -54,8 +54,8 @@ class RecordGenerator {
     std::poisson_distribution<int> y(std::exp(FillPredictors(r, shift)));
     r[0] = y(fRng);
   }
-  void FillResponseModels(double* r) {
-    const double eta = FillPredictors(r, 0.0);
+  void FillResponseModels(double* r, double shift = 0.0) {
+    const double eta = FillPredictors(r, shift);
     const double u = fUniform(fRng);
     r[0] = fUniform(fRng) < 1.0 / (1.0 + std::exp(-(eta - 0.5))) ? 1.0 : 0.0;
     // Ordinal: a logistic latent variable cut into five categories.

@@ -28,12 +28,8 @@ GEEWorkCorrForMultinomial::GEEWorkCorrForMultinomial(GEEDesignMatrix& design, co
     : GEEWorkCorrelation(design, settings),
       fNCategories(std::max(settings.GetDependentSize(), 0)),
       fBlock(std::max(fNCategories - 1, 0)),
-      fNThresholds(fBlock) {
-  std::unique_ptr<ITQLinkFunc> link(CreateLinkFunction(settings.GetLinkType(), settings.GetLinkParam()));
-  if (auto* cumulative = dynamic_cast<TQCumulativeLinkFunc*>(link.get())) {
-    link.release();
-    fpCumulative.reset(cumulative);
-  }
+      fNThresholds(fBlock),
+      fpCumulative(dynamic_cast<const TQCumulativeLinkFunc*>(fpLink.get())) {
   fPoints.resize(static_cast<std::size_t>(fNThresholds) + 2);
   fPi.resize(static_cast<std::size_t>(fNThresholds));
 }

@@ -18,7 +18,6 @@
 //
 // The subject pass makes each subject's block of R positive definite on its own, since R as a
 // whole need not be.
-#include <memory>
 #include <vector>
 
 #include "gee/GEEWorkCorrelation.h"
@@ -77,7 +76,8 @@ class GEEWorkCorrForMultinomial final : public GEEWorkCorrelation {
   int fNCategories;
   int fBlock;
   int fNThresholds;
-  std::unique_ptr<TQCumulativeLinkFunc> fpCumulative;
+  // The base's link, as the cumulative link it is (null for any other link).
+  const TQCumulativeLinkFunc* fpCumulative;
   // Per subject: fBlock residuals per position (the presence flags are the base's).
   std::vector<double> fBlockResiduals;
   std::vector<TQCumulativePoint> fPoints;

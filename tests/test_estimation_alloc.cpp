@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "estimation/GZLStatFactory.h"
 #include "gee/GEEDesignMatrix.h"
 #include "gee/GEESubjectPass.h"
+#include "gee/GEEWorkCorrForMultinomial.h"
 #include "gee/GEEWorkCorrelation.h"
 
 #include "alloc_counter.h"
@@ -118,14 +120,16 @@ TEST(ScoringAllocations, NoAllocationPerRecord) {
 namespace {
 
 // Allocations of a second GEE subject pass (estimating equations, or the robust pass) and of a
-// second working-correlation pass over `subjects` subjects of 4 records.
-long GEEPassAllocations(int subjects, bool robust) {
+// second working-correlation pass over `subjects` subjects of 4 records; Poisson, or an ordinal
+// response of 3 categories (block correlation).
+long GEEPassAllocations(int subjects, bool robust, bool ordinal = false) {
   GZLSettings s;
   s.SetGZLModelType(GZLConst_940::GEE);
-  s.SetDistType(TQConst::DistPoisson);
-  s.SetLinkType(TQConst::LinkLog);
+  s.SetDistType(ordinal ? TQConst::DistOrdinalMultinomial : TQConst::DistPoisson);
+  s.SetLinkType(ordinal ? TQConst::LinkCumLogit : TQConst::LinkLog);
   s.SetScaleType(GZLConst_940::ScaleFixed);
   s.SetDependent(0);
+  if (ordinal) s.SetDependentSize(3);
   s.SetInterceptUse(true);
   s.AddCovariate(1);
   static std::vector<int> vars{1};
@@ -137,7 +141,8 @@ long GEEPassAllocations(int subjects, bool robust) {
   s.SetGEECorrType(GZLConst_940::Unstructured);
   std::vector<std::vector<double>> rows;
   for (int i = 0; i < subjects; ++i)
-    for (int t = 0; t < 4; ++t) rows.push_back({1.0 + ((i + t) % 5), 0.1 * ((i * t) % 7), double(i), double(t)});
+    for (int t = 0; t < 4; ++t)
+      rows.push_back({ordinal ? double((i + t) % 3) : 1.0 + ((i + t) % 5), 0.1 * ((i * t) % 7), double(i), double(t)});
   GZLMemorySource src(std::move(rows));
   GEEDesignMatrix design(s);
   TQStatus st;
@@ -146,14 +151,19 @@ long GEEPassAllocations(int subjects, bool robust) {
   design.SetRecordSource(&src);
   GEESubjectPass pass(s);
   pass.SetActive(TQBitSet(design.GetNumOfParams(), true));
-  GEEWorkCorrelation correlation(design, s);
-  const std::vector<double> beta(static_cast<std::size_t>(design.GetNumOfParams()), 0.05);
+  std::unique_ptr<GEEWorkCorrelation> correlation;
+  if (ordinal)
+    correlation = std::make_unique<GEEWorkCorrForMultinomial>(design, s);
+  else
+    correlation = std::make_unique<GEEWorkCorrelation>(design, s);
+  std::vector<double> beta(static_cast<std::size_t>(design.GetNumOfParams()), 0.05);
+  if (ordinal) beta[0] = -0.5;
   TQSymMatrix R;
-  correlation.Update(st, beta, 2, R);
+  correlation->Update(st, beta, 2, R);
   bool transformed = false;
   EXPECT_TRUE(pass.Run(design, beta, R, 1.0, robust, transformed).IsOK());
   const long before = gAllocations;
-  correlation.Update(st, beta, 2, R);
+  correlation->Update(st, beta, 2, R);
   EXPECT_TRUE(st.IsOK());
   EXPECT_TRUE(pass.Run(design, beta, R, 1.0, robust, transformed).IsOK());
   return gAllocations - before;
@@ -162,5 +172,7 @@ long GEEPassAllocations(int subjects, bool robust) {
 }  // namespace
 
 TEST(EstimationAllocations, NoAllocationPerSubject) {
-  for (bool robust : {false, true}) EXPECT_EQ(GEEPassAllocations(10, robust), GEEPassAllocations(1000, robust));
+  for (bool ordinal : {false, true})
+    for (bool robust : {false, true})
+      EXPECT_EQ(GEEPassAllocations(10, robust, ordinal), GEEPassAllocations(1000, robust, ordinal));
 }
