@@ -47,15 +47,9 @@ bool GEEWorkCorrForMultinomial::SubjectBlockResiduals(const GEESubject& subject,
   bool any = false;
   for (int j = 0; j < subject.fNRecords; ++j) {
     const GZLDesignRow& row = subject.fRows[static_cast<std::size_t>(j)];
-    const int given = subject.fPositions[static_cast<std::size_t>(j)];
-    const int pos = given >= 0 ? given : j;
-    if (pos >= fDim) continue;
-    const std::size_t k = static_cast<std::size_t>(pos);
+    std::size_t k = 0;
+    if (!TakePosition(subject, j, m, k)) continue;
     any = true;
-    if (fPresent[k] == 0) {
-      ++m;
-      fPresent[k] = 1;
-    }
     int y = -1;
     if (!fpCumulative || !GEEFitOrdinalRecord(row, beta.data(), T, columns, *fpCumulative, fPoints.data(),
                                               fPi.data(), y))
@@ -144,12 +138,19 @@ void GEEWorkCorrForMultinomial::Independent(TQStatus& status, const std::vector<
   IdentityBlocks(R);
 }
 
+bool GEEWorkCorrForMultinomial::SingleBlock(TQStatus& status, const std::vector<double>& beta,
+                                            GEEBlockMoments& moments, double& D) {
+  status = GatherBlocks(beta, moments);
+  if (status.IsError()) return false;
+  D = moments.fC[0];
+  if (fbAdjust && D > fP) D -= fP;
+  return true;
+}
+
 void GEEWorkCorrForMultinomial::Exchangeable(TQStatus& status, const std::vector<double>& beta, TQSymMatrix& R) {
   GEEBlockMoments moments;
-  status = GatherBlocks(beta, moments);
-  if (status.IsError()) return;
-  double D = moments.fC[0];
-  if (fbAdjust && D > fP) D -= fP;
+  double D = 0.0;
+  if (!SingleBlock(status, beta, moments, D)) return;
   IdentityBlocks(R);
   for (int k = 1; k < fDim; ++k)
     for (int j = 0; j < k; ++j) PlaceBlock(R, k, j, moments.Block(0), D);
@@ -157,10 +158,8 @@ void GEEWorkCorrForMultinomial::Exchangeable(TQStatus& status, const std::vector
 
 void GEEWorkCorrForMultinomial::AutoRegressive(TQStatus& status, const std::vector<double>& beta, TQSymMatrix& R) {
   GEEBlockMoments moments;
-  status = GatherBlocks(beta, moments);
-  if (status.IsError()) return;
-  double D = moments.fC[0];
-  if (fbAdjust && D > fP) D -= fP;
+  double D = 0.0;
+  if (!SingleBlock(status, beta, moments, D)) return;
   const int K1 = fBlock;
   const std::size_t KK = static_cast<std::size_t>(K1) * K1;
   std::vector<double> B(KK, 0.0);

@@ -67,6 +67,9 @@ class GEEWorkCorrForMultinomial final : public GEEWorkCorrelation {
   // one) and m, its number of distinct positions; false when no record has a position in R.
   bool SubjectBlockResiduals(const GEESubject& subject, const std::vector<double>& beta, int& m);
   void AddSubjectBlocks(double w, int m, GEEBlockMoments& moments) const;
+  // The one block of the exchangeable and AR(1) structures: its sums and the pair count D,
+  // adjusted; false on a failed pass (status set).
+  bool SingleBlock(TQStatus& status, const std::vector<double>& beta, GEEBlockMoments& moments, double& D);
   // R of dimension (C - 1) d with identity diagonal blocks and nothing else.
   void IdentityBlocks(TQSymMatrix& R) const;
   // Block (k, j), k > j, of R: the rows of position k and the columns of position j take

@@ -149,13 +149,9 @@ bool GEEWorkCorrelation::SubjectResiduals(const GEESubject& subject, const std::
   bool any = false;
   for (int j = 0; j < subject.fNRecords; ++j) {
     const GZLDesignRow& row = subject.fRows[static_cast<std::size_t>(j)];
-    const int given = subject.fPositions[static_cast<std::size_t>(j)];
-    const int pos = given >= 0 ? given : j;
-    if (pos >= fDim) continue;
-    const std::size_t k = static_cast<std::size_t>(pos);
-    if (fPresent[k] == 0) ++m;
+    std::size_t k = 0;
+    if (!TakePosition(subject, j, m, k)) continue;
     any = true;
-    if (fPresent[k] == 0) fPresent[k] = 1;
     if (row.fbInvalid || !fpLink || !fpVariance) continue;
     const std::size_t n = std::min(row.fValues.size(), beta.size());
     const GEERecordFit fit = GEEFitRecord(row, beta.data(), n, *fpLink, *fpVariance, fCoding, false);
@@ -166,6 +162,18 @@ bool GEEWorkCorrelation::SubjectResiduals(const GEESubject& subject, const std::
     fPresent[k] = 2;
   }
   return any;
+}
+
+bool GEEWorkCorrelation::TakePosition(const GEESubject& subject, int j, int& m, std::size_t& k) {
+  const int given = subject.fPositions[static_cast<std::size_t>(j)];
+  const int pos = given >= 0 ? given : j;
+  if (pos >= fDim) return false;
+  k = static_cast<std::size_t>(pos);
+  if (fPresent[k] == 0) {
+    ++m;
+    fPresent[k] = 1;
+  }
+  return true;
 }
 
 void GEEWorkCorrelation::AddSubject(double w, int m, GEECorrelationMoments& moments) const {

@@ -105,6 +105,10 @@ class GEEWorkCorrelation {
   // the unstructured structure (one per pair); false on a failed pass (status set).
   bool SeveralCorrelations(TQStatus& status, const std::vector<double>& beta, bool matrix,
                            GEECorrelationMoments& moments, double& phi, std::vector<double>& denominators);
+  // The position k of record j of a subject (its within-subject position, or its place in the
+  // subject), marked in fPresent (m counts the subject's distinct positions); false when it lies
+  // outside R.
+  bool TakePosition(const GEESubject& subject, int j, int& m, std::size_t& k);
   // Adds a subject's residuals (fResiduals, fPresent) to the sums by the correlation type.
   void AddSubject(double w, int m, GEECorrelationMoments& moments) const;
   // Number of sums of the type for dimension d.

@@ -26,6 +26,7 @@
 #include "inference/GZLInference.h"
 #include "inference/GZLModelEffectTest.h"
 #include "inference/GZLScoringEngine.h"
+#include "gee_fit.h"
 #include "output_reference_models.h"
 #include "support/TQDisplay_940.h"
 
@@ -42,21 +43,8 @@ void ExpectRel(double expected, double actual, const std::string& what) {
   output_test::ExpectRel(expected, actual, what, 1e-6, 1e-8);
 }
 
-struct Fit {
-  std::unique_ptr<IGZLAlgorithm> algorithm;
-  TQStatus status;
-  const GZLOutputStats* stats = nullptr;
-};
-
-Fit RunFit(const GZLSettings& settings, IGZLRecordSource& source) {
-  Fit f;
-  f.algorithm.reset(GZLFactory::CreateAlgorithm(settings, false));
-  if (!f.algorithm) return f;
-  source.Rewind();
-  f.status = f.algorithm->BuildModel(source);
-  if (f.algorithm->IsModelBuilt()) f.algorithm->GetOutputStats(f.stats);
-  return f;
-}
+using gee_test::Fit;
+using gee_test::RunFit;
 
 // Settings of a small normal model: response 0, subject 1, within-subject 2, covariate 3.
 GZLSettings SmallModel(GZLConst_940::CorrType corr, bool sorted = false, bool within = true) {

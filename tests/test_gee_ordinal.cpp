@@ -21,27 +21,15 @@
 #include "gee/GEEWorkCorrForMultinomial.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLScoringEngine.h"
+#include "gee_fit.h"
 #include "output_reference_models.h"
 
 namespace {
 
 std::string GeeDir() { return output_test::RefDir() + "/gee"; }
 
-struct Fit {
-  std::unique_ptr<IGZLAlgorithm> algorithm;
-  TQStatus status;
-  const GZLOutputStats* stats = nullptr;
-};
-
-Fit RunFit(const GZLSettings& settings, IGZLRecordSource& source) {
-  Fit f;
-  f.algorithm.reset(GZLFactory::CreateAlgorithm(settings, false));
-  if (!f.algorithm) return f;
-  source.Rewind();
-  f.status = f.algorithm->BuildModel(source);
-  if (f.algorithm->IsModelBuilt()) f.algorithm->GetOutputStats(f.stats);
-  return f;
-}
+using gee_test::Fit;
+using gee_test::RunFit;
 
 // Columns subject, time, x, y (categories 0 .. C-1): cumulative logit on x, within time.
 GZLSettings OrdinalModel(GZLConst_940::CorrType corr, int categories, bool adjust = true, double m = 2.0) {
