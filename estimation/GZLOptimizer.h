@@ -270,7 +270,10 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   // (aliased ones included) at the final estimates, W the expected-information weight
   // f s (dmu/deta)^2 / V(mu) without the scale; the matrix the hypotheses of the tests of
   // effects are built on. With a scaled design it is mapped back to the design as specified.
-  // Errors: InternalError before estimates exist, and those of the pass.
+  // Multinomial models: the cross-products of one row of the design (a nominal model's one
+  // logit; an ordinal model's unit column for the thresholds, then the effect columns), each
+  // record weighted by f s (see MultinomialSSCP). Errors: InternalError before estimates exist,
+  // and those of the pass.
   TQStatus ComputeSSCP(TQSymMatrix& sscp);
 
   GZLStatFactory& GetStatFactory() noexcept { return *fpStatFactory; }
@@ -282,6 +285,7 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   void Display() const override;
 
  private:
+  TQStatus MultinomialSSCP(TQSymMatrix& sscp);
   // Starting values (host values or the weighted least squares step), the starting scale and
   // k, and the starting pass.
   void ComputeInitialValues();
