@@ -276,6 +276,8 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   // and those of the pass.
   TQStatus ComputeSSCP(TQSymMatrix& sscp);
 
+  // Binary and multinomial responses: the models whose fits check for separation.
+  bool IsSeparationModel() const noexcept;
   GZLStatFactory& GetStatFactory() noexcept { return *fpStatFactory; }
   const GZLStatFactory& GetStatFactory() const noexcept { return *fpStatFactory; }
   // The Lagrange multiplier test of the post-estimation step, or null when the model calls for
@@ -320,7 +322,6 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   bool ZeroScaleCheck();
   double ZeroScaleThreshold() const;
   void ReportProgress();
-  bool IsSeparationModel() const noexcept;
   // Maps estimates, gradient, Hessian and inverse of a scaled design back to the design as
   // specified. False when the transforms do not fit.
   bool MapBackFromScaledDesign();

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
+#include <sstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -82,23 +84,22 @@ std::vector<int> OutermostEffects(const GZLSettings& s) {
   return out;
 }
 
-// b' V^-1 b over the parameters of settings effect e that are in the model (in every logit
-// block), and their number.
-double DirectWald(const Fit& f, int e, int& df) {
-  const auto& params = f.algorithm->GetRegrParameters();
+// (L b)' (L V L')^-1 (L b) at the fit's estimates and covariance, L given by its rows.
+double Wald(const Fit& f, const std::vector<std::vector<double>>& L) {
   const auto& b = f.out->GetParamEstimates();
   const TQSymMatrix& V = f.out->GetCovarianceMatrix();
-  std::vector<int> cols;
-  for (std::size_t j = 0; j < params.size(); ++j)
-    if (!params[j].IsIntercept() && params[j].GetEffectIndex() == e && !f.out->GetRedundancyIndicators()[j])
-      cols.push_back(static_cast<int>(j));
-  const std::size_t n = cols.size();
-  df = static_cast<int>(n);
-  // Gaussian elimination with partial pivoting on [V_E | b_E].
-  std::vector<std::vector<double>> a(n, std::vector<double>(n + 1));
+  const std::size_t n = L.size(), P = b.size();
+  std::vector<double> lb(n, 0.0);
+  // Gaussian elimination with partial pivoting on [L V L' | L b].
+  std::vector<std::vector<double>> a(n, std::vector<double>(n + 1, 0.0));
   for (std::size_t r = 0; r < n; ++r) {
-    for (std::size_t c = 0; c < n; ++c) a[r][c] = V(cols[r], cols[c]);
-    a[r][n] = b[static_cast<std::size_t>(cols[r])];
+    for (std::size_t j = 0; j < P; ++j) lb[r] += L[r][j] * b[j];
+    a[r][n] = lb[r];
+    for (std::size_t c = 0; c < n; ++c)
+      for (std::size_t j = 0; j < P; ++j)
+        for (std::size_t k = 0; k < P; ++k)
+          if (L[r][j] != 0.0 && L[c][k] != 0.0)
+            a[r][c] += L[r][j] * V(static_cast<int>(j), static_cast<int>(k)) * L[c][k];
   }
   for (std::size_t k = 0; k < n; ++k) {
     std::size_t p = k;
@@ -116,9 +117,54 @@ double DirectWald(const Fit& f, int e, int& df) {
     double s = a[k][n];
     for (std::size_t c = k + 1; c < n; ++c) s -= a[k][c] * x[c];
     x[k] = s / a[k][k];
-    q += b[static_cast<std::size_t>(cols[k])] * x[k];
+    q += lb[k] * x[k];
   }
   return q;
+}
+
+// Unit rows on the parameters of settings effect e that are in the model (in every logit block
+// of a nominal model): the hypothesis that all of them are 0.
+std::vector<std::vector<double>> EffectRows(const Fit& f, int e) {
+  const auto& params = f.algorithm->GetRegrParameters();
+  std::vector<std::vector<double>> rows;
+  for (std::size_t j = 0; j < params.size(); ++j)
+    if (!params[j].IsIntercept() && params[j].GetEffectIndex() == e && !f.out->GetRedundancyIndicators()[j]) {
+      rows.emplace_back(params.size(), 0.0);
+      rows.back()[j] = 1.0;
+    }
+  return rows;
+}
+
+// The weighted (frequency weight) mean over the records of the data file of each parameter's
+// design column (0 for thresholds and intercepts).
+std::vector<double> ColumnMeans(const Fit& f, const std::string& file) {
+  const auto& params = f.algorithm->GetRegrParameters();
+  std::ifstream in(file);
+  std::string line;
+  std::getline(in, line);
+  const int weight = f.c->model.contains("freq_weight") ? f.c->source->Column(f.c->model["freq_weight"]) : -1;
+  std::vector<double> sums(params.size(), 0.0);
+  double total = 0.0;
+  while (std::getline(in, line)) {
+    std::vector<double> v;
+    std::stringstream ss(line);
+    std::string cell;
+    while (std::getline(ss, cell, ',')) v.push_back(std::stod(cell));
+    const double w = weight >= 0 ? v[static_cast<std::size_t>(weight)] : 1.0;
+    total += w;
+    for (std::size_t j = 0; j < params.size(); ++j) {
+      const auto& p = params[j];
+      if (p.IsIntercept()) continue;
+      double x = 1.0;
+      for (int i = 0; i < p.GetNFactors(); ++i)
+        if (v[static_cast<std::size_t>(p.GetFactors()[i])] != p.GetCategories()[i]) x = 0.0;
+      for (int i = 0; i < p.GetNCovariates(); ++i)
+        x *= std::pow(v[static_cast<std::size_t>(p.GetCovariates()[i])], p.GetCovariateMultiplicities()[i]);
+      sums[j] += w * x;
+    }
+  }
+  for (double& s : sums) s /= total;
+  return sums;
 }
 
 void ExpectRel(double expected, double actual, const std::string& what, double rel = 1e-6) {
@@ -158,8 +204,9 @@ TEST(MultinomialEffects, WaldAndLikelihoodRatioAgainstDirectFits) {
     for (int e : OutermostEffects(full->c->settings)) {
       SCOPED_TRACE("effect " + std::to_string(e));
       const int t = e + shift;
-      int df = 0;
-      const double direct = DirectWald(*full, e, df);
+      const auto rows = EffectRows(*full, e);
+      const int df = static_cast<int>(rows.size());
+      const double direct = Wald(*full, rows);
       const TQModelTestStats::Test& wald = out.GetTypeIIITestStats().GetTest(t);
       ASSERT_TRUE(wald.fbTested);
       EXPECT_EQ(wald.fDF, df);
@@ -208,16 +255,33 @@ TEST(MultinomialEffects, WaldAndLikelihoodRatioAgainstDirectFits) {
     ExpectRel(w3.fChiSquare, w1.fChiSquare, "type I Wald of the last effect");
     ExpectRel(out.GetTypeIIILRStats()[static_cast<std::size_t>(last)][0],
               out.GetTypeILRStats()[static_cast<std::size_t>(last)][0], "type I LR of the last effect", 1e-5);
+    // The type I test of the thresholds (intercepts): the first cumulative predictor (each
+    // logit's predictor) is 0 at the weighted means of the design's columns.
+    if (shift == 1) {
+      const auto& params = full->algorithm->GetRegrParameters();
+      const std::vector<double> m = ColumnMeans(*full, MultinomialDir() + "/data/" + j["data"].get<std::string>());
+      const bool ordinal = full->c->settings.GetDistType() == TQConst::DistOrdinalMultinomial;
+      std::vector<std::vector<double>> rows;
+      for (std::size_t i = 0; i < params.size(); ++i) {
+        if (!params[i].IsIntercept() || (ordinal && i > 0)) continue;
+        std::vector<double> row(params.size(), 0.0);
+        row[i] = 1.0;
+        for (std::size_t k = 0; k < params.size(); ++k)
+          if (!params[k].IsIntercept() && !out.GetRedundancyIndicators()[k] &&
+              (ordinal || params[k].GetTargetCategory() == params[i].GetTargetCategory()))
+            row[k] = ordinal ? -m[k] : m[k];
+        rows.push_back(std::move(row));
+      }
+      const auto& first = out.GetTypeITestStats().GetTest(0);
+      EXPECT_EQ(first.fDF, static_cast<double>(rows.size()));
+      ExpectRel(Wald(*full, rows), first.fChiSquare, "type I Wald of the thresholds (intercepts)");
+    }
     // The test of the model against the thresholds (intercepts) only has the degrees of freedom
     // of every effect parameter in the model.
     const auto& corrected = out.GetCorrectedModelTest();
     ASSERT_EQ(corrected.GetNumTests(), 1);
     int effectParams = 0;
-    for (int e = 0; e < nEffects; ++e) {
-      int df = 0;
-      DirectWald(*full, e, df);
-      effectParams += df;
-    }
+    for (int e = 0; e < nEffects; ++e) effectParams += static_cast<int>(EffectRows(*full, e).size());
     EXPECT_EQ(corrected.GetTest(0).fDF, effectParams);
   }
 }
