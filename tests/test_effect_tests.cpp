@@ -356,7 +356,8 @@ TEST(WaldEffectTests, MultinomialLayouts) {
   typeIII.SetData(&od);
   std::vector<TQRectMatrix> L;
   ASSERT_TRUE(typeIII.ComputeLMatrices(L).IsOK());
-  EXPECT_EQ(L[0](0, 0), 1.0);
+  // The thresholds' row weighs the first threshold against theta - x'beta: sign changed.
+  EXPECT_EQ(L[0](0, 0), -1.0);
   for (int t = 0; t < 3; ++t)
     for (int r = 0; r < L[static_cast<std::size_t>(t)].GetNumRows(); ++r)
       for (int j = t == 0 ? 1 : 0; j < 3; ++j) EXPECT_EQ(L[static_cast<std::size_t>(t)](r, j), 0.0);
