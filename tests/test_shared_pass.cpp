@@ -218,7 +218,9 @@ TEST(SharedPass, GivesTheSumsOfOneThread) {
     alone.ComputeCrossProducts(x1, xxAlone, leadingOne);
     shared.ComputeCrossProducts(x2, xxShared, leadingOne);
     ASSERT_TRUE(x1.IsOK() && x2.IsOK());
-    if (twoCores) EXPECT_TRUE(shared.WasLastPassParallel());
+    if (twoCores) {
+      EXPECT_TRUE(shared.WasLastPassParallel());
+    }
     EXPECT_EQ(xxAlone.GetNumRows(), alone.GetRowWidth() + (leadingOne ? 1 : 0));
     EXPECT_LT(MaxRelDiff(xxAlone, xxShared), 1e-12);
     // The same shared pass twice gives the same sums to the last bit: which thread takes which
