@@ -565,3 +565,56 @@ TEST(Scoring, MultinomialListsByHand) {
     }
   }
 }
+
+TEST(Scoring, MultinomialIntervalsFollowTheDeltaMethod) {
+  // The interval of a category probability is expit(logit(pi) -/+ q se(pi) / (pi (1 - pi))),
+  // se(pi)^2 = g'Cg with g the gradient of pi in the parameters: here g by central differences
+  // through the engine itself, at the fitted estimates and covariance.
+  const std::string dir = std::string(GZL_TEST_DATA_DIR) + "/multinomial";
+  const double q = 1.959963984540054, h = 1e-6;
+  for (const std::string name : {"sim_cumcloglog_offset_newton", "sim_nominal_factor_by_covariate_reffirst"}) {
+    SCOPED_TRACE(name);
+    auto c = output_test::LoadCase(dir + "/expected/" + name + ".json", 1e-12, dir + "/data");
+    c->settings.SetTestType(TQConst::TestType2);
+    auto a = Fit(c->settings, *c->source);
+    ASSERT_TRUE(a && a->IsModelBuilt());
+    const GZLOutputStats* stats = nullptr;
+    ASSERT_TRUE(a->GetOutputStats(stats).IsOK());
+    EngineOn e(c->settings, *c->source, stats->GetParamEstimates());
+    e.covariance = stats->GetCovarianceMatrix();
+    e.fit.fFitCount = 1;
+    e.engine->SetFit(e.fit);
+    ASSERT_TRUE(e.engine->SetScoreType(E::ScoreMEANPRED | E::ScoreCIMEANPRED).IsOK());
+    const int P = static_cast<int>(e.estimates.size());
+    for (std::vector<double> values : {std::vector<double>{1, 2, -0.7, 1, 0.2}, std::vector<double>{0, 1, 0.4, 0, -0.5}}) {
+      values.resize(c->source->Names().size());
+      GZLScoreStats s, up, down;
+      ASSERT_TRUE(e.Score(values, s).IsOK());
+      const std::size_t K = s.GetMEANPREDNOMINAL().size();
+      ASSERT_GE(K, 3u);
+      std::vector<std::vector<double>> g(K, std::vector<double>(static_cast<std::size_t>(P)));
+      for (int j = 0; j < P; ++j) {
+        const double at = e.estimates[static_cast<std::size_t>(j)];
+        e.estimates[static_cast<std::size_t>(j)] = at + h;
+        e.engine->SetFit(e.fit);
+        ASSERT_TRUE(e.Score(values, up).IsOK());
+        e.estimates[static_cast<std::size_t>(j)] = at - h;
+        e.engine->SetFit(e.fit);
+        ASSERT_TRUE(e.Score(values, down).IsOK());
+        e.estimates[static_cast<std::size_t>(j)] = at;
+        for (std::size_t k = 0; k < K; ++k)
+          g[k][static_cast<std::size_t>(j)] = (up.GetMEANPREDNOMINAL()[k] - down.GetMEANPREDNOMINAL()[k]) / (2 * h);
+      }
+      e.engine->SetFit(e.fit);
+      for (std::size_t k = 0; k < K; ++k) {
+        double v = 0.0;
+        for (int i = 0; i < P; ++i)
+          for (int j = 0; j < P; ++j) v += g[k][static_cast<std::size_t>(i)] * e.covariance(i, j) * g[k][static_cast<std::size_t>(j)];
+        const double p = s.GetMEANPREDNOMINAL()[k], d = q * std::sqrt(v) / (p * (1 - p));
+        const double logit = std::log(p / (1 - p));
+        EXPECT_NEAR(s.GetCIMEANPREDNOMINAL()[k].first, 1 / (1 + std::exp(-(logit - d))), 1e-8) << k;
+        EXPECT_NEAR(s.GetCIMEANPREDNOMINAL()[k].second, 1 / (1 + std::exp(-(logit + d))), 1e-8) << k;
+      }
+    }
+  }
+}
