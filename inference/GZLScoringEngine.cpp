@@ -291,30 +291,18 @@ void GZLScoringEngine::ScoreCategories(TQStatus& status, GZLScoreStats& scores) 
   // A requested list that cannot be formed stays empty and fails the record; the others are
   // still delivered.
   bool failed = false;
-  if (mask & ScoreXBPRED) {
-    if (CategoryPredictors())
-      scores.SetXBPREDNOMINAL(fCatEta);
+  const auto deliver = [this, mask, &failed](int bit, bool (GZLScoringEngine::*ready)(), auto store) {
+    if ((mask & bit) == 0) return;
+    if ((this->*ready)())
+      store();
     else
       failed = true;
-  }
-  if (mask & ScoreXBSTDERROR) {
-    if (CategoryStdErrs())
-      scores.SetXBSTDERRORNOMINAL(fCatStdErr);
-    else
-      failed = true;
-  }
-  if (mask & ScoreMEANPRED) {
-    if (CategoryProbabilities())
-      scores.SetMEANPREDNOMINAL(fCatProb);
-    else
-      failed = true;
-  }
-  if (mask & ScoreCIMEANPRED) {
-    if (CategoryIntervals())
-      scores.SetCIMEANPREDNOMINAL(fCatInterval);
-    else
-      failed = true;
-  }
+  };
+  deliver(ScoreXBPRED, &GZLScoringEngine::CategoryPredictors, [&] { scores.SetXBPREDNOMINAL(fCatEta); });
+  deliver(ScoreXBSTDERROR, &GZLScoringEngine::CategoryStdErrs, [&] { scores.SetXBSTDERRORNOMINAL(fCatStdErr); });
+  deliver(ScoreMEANPRED, &GZLScoringEngine::CategoryProbabilities, [&] { scores.SetMEANPREDNOMINAL(fCatProb); });
+  deliver(ScoreCIMEANPRED, &GZLScoringEngine::CategoryIntervals,
+          [&] { scores.SetCIMEANPREDNOMINAL(fCatInterval); });
   if (failed) status = TQStatus::Error(GZLStatusCode::ScoringFailed);
   if ((mask & (ScoreCATPRED | ScoreConf1 | ScoreConf2)) == 0 || !CategoryProbabilities()) return;
   const int pick = PickCategory(fCatProb, fCategoryCounts);
@@ -401,7 +389,7 @@ bool GZLScoringEngine::CategoryForms() {
   double check = 0.0;
   if (fbOrdinal) {
     const double* a = fCovariance.data();
-    fCatXCX = QuadraticForm(fCovariance, J);
+    fCatXCX = QuadraticForm(fCovariance, J, J);
     for (std::size_t j = 0; j < J; ++j) {
       double u = 0.0;
       for (std::size_t s = 0; s < fNNonZero; ++s) u += fNonZeroValues[s] * Packed(a, J + static_cast<std::size_t>(fNonZero[s]), j);
@@ -411,9 +399,9 @@ bool GZLScoringEngine::CategoryForms() {
   } else {
     const std::size_t p = fRow.fValues.size();
     for (std::size_t c = 0; c < J; ++c) {
-      fCatForms[c * J + c] = QuadraticForm(fCovariance, c * p);
+      fCatForms[c * J + c] = QuadraticForm(fCovariance, c * p, c * p);
       for (std::size_t c2 = 0; c2 < c; ++c2)
-        fCatForms[c * J + c2] = fCatForms[c2 * J + c] = CrossForm(fCovariance, c * p, c2 * p);
+        fCatForms[c * J + c2] = fCatForms[c2 * J + c] = QuadraticForm(fCovariance, c * p, c2 * p);
     }
     for (double q : fCatForms) check += q;
     fCatXCX = 0.0;
@@ -550,24 +538,12 @@ void GZLScoringEngine::GatherNonZero() {
   fNNonZero = k;
 }
 
-double GZLScoringEngine::QuadraticForm(const std::vector<double>& packed, std::size_t offset) const {
-  // x'Ax over the non-zero columns: a factor's block adds one column, not its whole width.
-  const double* a = packed.data();
-  const int* idx = fNonZero.data();
-  const double* v = fNonZeroValues.data();
-  double q = 0.0;
-  for (std::size_t s = 0; s < fNNonZero; ++s) {
-    const std::size_t i = offset + static_cast<std::size_t>(idx[s]);
-    const double* rowI = a + i * (i + 1) / 2 + offset;
-    double inner = 0.0;
-    for (std::size_t t = 0; t < s; ++t) inner += rowI[idx[t]] * v[t];
-    q += v[s] * (2.0 * inner + rowI[idx[s]] * v[s]);
-  }
-  return q;
-}
-
-double GZLScoringEngine::CrossForm(const std::vector<double>& packed, std::size_t rowOffset,
-                                   std::size_t colOffset) const {
+double GZLScoringEngine::QuadraticForm(const std::vector<double>& packed, std::size_t rowOffset,
+                                       std::size_t colOffset) const {
+  // x'Ax over the non-zero columns: a factor's block adds one column, not its whole width. A
+  // diagonal block (equal offsets) is read from its lower triangle, an off-diagonal one (the row
+  // block after the column block) whole.
+  const bool diagonal = rowOffset == colOffset;
   const double* a = packed.data();
   const int* idx = fNonZero.data();
   const double* v = fNonZeroValues.data();
@@ -575,9 +551,10 @@ double GZLScoringEngine::CrossForm(const std::vector<double>& packed, std::size_
   for (std::size_t s = 0; s < fNNonZero; ++s) {
     const std::size_t i = rowOffset + static_cast<std::size_t>(idx[s]);
     const double* rowI = a + i * (i + 1) / 2 + colOffset;
+    const std::size_t end = diagonal ? s : fNNonZero;
     double inner = 0.0;
-    for (std::size_t t = 0; t < fNNonZero; ++t) inner += rowI[idx[t]] * v[t];
-    q += v[s] * inner;
+    for (std::size_t t = 0; t < end; ++t) inner += rowI[idx[t]] * v[t];
+    q += diagonal ? v[s] * (2.0 * inner + rowI[idx[s]] * v[s]) : v[s] * inner;
   }
   return q;
 }

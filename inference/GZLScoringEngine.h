@@ -188,10 +188,10 @@ class GZLScoringEngine {
   double Cook();
   // The non-zero columns of the row, gathered once per record for the quadratic forms.
   void GatherNonZero();
-  // x'Ax over the non-zero columns, the row's column i standing for parameter offset + i.
-  double QuadraticForm(const std::vector<double>& packed, std::size_t offset = 0) const;
-  // x'A_{rc}x for two disjoint blocks of parameters, the row block after the column block.
-  double CrossForm(const std::vector<double>& packed, std::size_t rowOffset, std::size_t colOffset) const;
+  // x'A_{rc}x over the non-zero columns for the block of A whose rows are the parameters
+  // rowOffset + i and whose columns are colOffset + i (i a column of the row): a diagonal block
+  // (equal offsets), or one whose rows all follow its columns.
+  double QuadraticForm(const std::vector<double>& packed, std::size_t rowOffset = 0, std::size_t colOffset = 0) const;
   // The multinomial layout of a fit (number of predictors, category codes and counts, scratch).
   void SetCategoryLayout(const GZLScoringFit& fit);
   // The scalar outputs of a single-response model.
