@@ -335,7 +335,9 @@ bool GZLScoringEngine::CategoryPredictors() {
   const double* b = fEstimates.data();
   const int J = fNPredictors;
   if (fbOrdinal) {
-    // The fit's cumulative argument theta_j - (x'beta - o).
+    // The fit's cumulative argument theta_j - (x'beta - o): the offset raises every cumulative
+    // predictor, as in the fit's record step and the PMML document, so that the scores are the
+    // probabilities of the model that was fitted (not theta_j - (x'beta + o)).
     if (!Usable(fRow.fOffset)) return false;
     const double* beta = b + J;
     double lambda = -fRow.fOffset;
