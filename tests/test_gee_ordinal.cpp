@@ -348,18 +348,41 @@ TEST(GEEOrdinal, SubjectBlockNotPositiveDefiniteIsTransformed) {
   }
 }
 
-TEST(GEEOrdinal, ScoringStatusAndNominalRefusal) {
+TEST(GEEOrdinal, ScoringAndNominalRefusal) {
   auto c = output_test::LoadCase(GeeDir() + "/expected/simord_cumlogit_exchangeable.json", 1e-10, GeeDir() + "/data");
   output_test::ApplyGeeKeys(*c);
   Fit f = RunFit(c->settings, *c->source);
   ASSERT_NE(f.stats, nullptr);
-  // The per-category predictions of a multinomial response are not served yet: a record asking
-  // for them gets ScoringFailed, as for the generalized linear model, and nothing is thrown.
-  const std::vector<double>& record = c->source->Rows().front();
+  // A record is scored with the GEE estimates and the covariance chosen for inference (robust):
+  // predictor j is theta_j - x'b with standard error sqrt(a'Ca), a = (e_j, -x); the category
+  // probabilities are the differences of F at the predictors.
+  const std::vector<double>& record = c->source->Rows().front();  // subject, time, grp, x, y
   GZLScoreStats scores(GZLConst_940::GEE);
-  const int mask = GZLScoringEngine::ScoreXBPRED | GZLScoringEngine::ScoreMEANPRED;
-  EXPECT_EQ(f.algorithm->Score(Record(record.data(), record.size()), scores, &mask).GetErrorCode(),
-            GZLStatusCode::ScoringFailed);
+  const int mask = GZLScoringEngine::ScoreXBPRED | GZLScoringEngine::ScoreXBSTDERROR | GZLScoringEngine::ScoreMEANPRED;
+  const TQStatus st = f.algorithm->Score(Record(record.data(), record.size()), scores, &mask);
+  ASSERT_TRUE(st.IsOK()) << st.GetErrorCode();
+  const std::vector<double>& b = f.stats->GetParamEstimates();
+  const TQSymMatrix& C = f.stats->GetCovarianceMatrix();
+  // Columns after the 3 thresholds: grp=0, grp=1, grp=2 (aliased), time, x.
+  const std::vector<double> x{record[2] == 0 ? 1.0 : 0.0, record[2] == 1 ? 1.0 : 0.0, record[2] == 2 ? 1.0 : 0.0,
+                              record[1], record[3]};
+  double previous = 0.0;
+  ASSERT_EQ(scores.GetXBPREDMULTINOMIAL().size(), 3u);
+  ASSERT_EQ(scores.GetMEANPREDMULTINOMIAL().size(), 4u);
+  for (int t = 0; t < 3; ++t) {
+    std::vector<double> a(8, 0.0);
+    a[t] = 1.0;
+    double eta = b[t];
+    for (int k = 0; k < 5; ++k) {
+      a[3 + k] = -x[k];
+      eta -= x[k] * b[3 + k];
+    }
+    EXPECT_NEAR(scores.GetXBPREDMULTINOMIAL()[t], eta, 1e-12);
+    EXPECT_NEAR(scores.GetXBSTDERRORMULTINOMIAL()[t], std::sqrt(C.ComputeVSV(a)), 1e-12);
+    const double F = 1.0 / (1.0 + std::exp(-eta));
+    EXPECT_NEAR(scores.GetMEANPREDMULTINOMIAL()[t], F - previous, 1e-12);
+    previous = F;
+  }
   // A nominal response has no estimating equations here.
   GZLSettings nominal = c->settings;
   nominal.SetDistType(TQConst::DistNominalMultinomial);
