@@ -26,6 +26,11 @@ enum class CsvColumnKind { Numeric, Factor };
 struct CsvColumnRequest {
   std::string name;
   CsvColumnKind kind = CsvColumnKind::Numeric;
+  // The header name of the file's column when it differs from name, so that one column of the
+  // file can be kept twice: as numbers and as categories.
+  std::string header;
+
+  const std::string& HeaderName() const noexcept { return header.empty() ? name : header; }
 };
 
 struct CsvColumn {
