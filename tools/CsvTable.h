@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "GZLProgress.h"
@@ -24,6 +25,10 @@
 enum class CsvColumnKind { Numeric, Factor };
 
 struct CsvColumnRequest {
+  CsvColumnRequest() = default;
+  CsvColumnRequest(std::string name, CsvColumnKind kind = CsvColumnKind::Numeric, std::string header = {})
+      : name(std::move(name)), kind(kind), header(std::move(header)) {}
+
   std::string name;
   CsvColumnKind kind = CsvColumnKind::Numeric;
   // The header name of the file's column when it differs from name, so that one column of the

@@ -721,6 +721,8 @@ void WriteText(std::ostream& out, const FitReport& r) {
     TextTable table("\nGoodness of fit", {"Statistic", "Value", "df", "Value/df"},
                     {Align::Left, Align::Right, Align::Right, Align::Right});
     for (const auto& f : r.fit) {
+      // A GEE fit has no likelihood: only the Pearson statistics remain.
+      if (r.gee.present && TQMV::IsMissing(f.value)) continue;
       table.AddRow({f.label, Number(f.value), TQMV::IsMissing(f.df) ? "" : Number(f.df),
                     TQMV::IsMissing(f.perDf) ? "" : Number(f.perDf)});
     }

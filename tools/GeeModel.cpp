@@ -52,6 +52,57 @@ std::string GroupingColumn(const FitOptions& o, const std::string& name) {
   return Contains(o.covariates, name) || Contains(o.factors, name) ? "\x1f" + name : name;
 }
 
+namespace {
+
+std::string JoinNames(const std::vector<std::string>& names) {
+  std::string out;
+  for (const auto& n : names) out += (out.empty() ? "" : ", ") + n;
+  return out;
+}
+
+std::string StructureText(const FitOptions& o) {
+  const GZLConst_940::CorrType type = o.corrType.value_or(GZLConst_940::Independent);
+  std::string text = StructureName(type);
+  if (type == GZLConst_940::MDependent) text += " (m = " + FormatNumber(o.corrM) + ")";
+  if (type == GZLConst_940::FixedCorr) text += " (values from " + o.corrFile + ")";
+  return text;
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string, std::string>> GeeModelRows(const FitOptions& o) {
+  if (!IsGeeFit(o)) return {};
+  std::vector<std::pair<std::string, std::string>> rows{
+      {"Subjects", JoinNames(o.subjects) + (o.sortSubjects ? " (records sorted by subject)" : "")}};
+  if (!o.within.empty()) rows.emplace_back("Within-subject", JoinNames(o.within));
+  rows.emplace_back("Working correlation", StructureText(o));
+  rows.emplace_back("Covariance", o.covariance.value_or(TQConst::CovbRobust) == TQConst::CovbRobust ? "robust"
+                                                                                                     : "model-based");
+  return rows;
+}
+
+void WriteGeeModelJson(JsonWriter& json, const FitOptions& o) {
+  json.Key("gee");
+  if (!IsGeeFit(o)) {
+    json.Null();
+    return;
+  }
+  json.BeginObject();
+  for (const auto* list : {&o.subjects, &o.within}) {
+    json.Key(list == &o.subjects ? "subjects" : "within");
+    json.BeginArray();
+    for (const auto& name : *list) json.String(name);
+    json.EndArray();
+  }
+  json.Member("sorted", o.sortSubjects);
+  const GZLConst_940::CorrType type = o.corrType.value_or(GZLConst_940::Independent);
+  json.Member("corr_type", StructureName(type));
+  if (type == GZLConst_940::MDependent) json.Member("corr_m", o.corrM);
+  if (type == GZLConst_940::FixedCorr) json.Member("corr_file", o.corrFile);
+  json.Member("covb", o.covariance.value_or(TQConst::CovbRobust) == TQConst::CovbRobust ? "robust" : "model");
+  json.EndObject();
+}
+
 bool ParseCorrelation(const std::string& text, FitOptions& o, std::string& error) {
   const std::size_t colon = text.find(':');
   const std::string name = text.substr(0, colon);

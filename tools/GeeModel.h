@@ -40,6 +40,11 @@ bool SetGeeSettings(const FitOptions& options, const CsvTable& table, GZLSetting
 bool FitRecordOrder(const GZLSettings& settings, const CsvTable& table, std::shared_ptr<const RecordCache>& records,
                     std::string& error);
 
+// The GEE lines of the model description (item, value); none for a model without subjects.
+std::vector<std::pair<std::string, std::string>> GeeModelRows(const FitOptions& options);
+// The "gee" member of the model description: the structure and controls asked for, or null.
+void WriteGeeModelJson(JsonWriter& json, const FitOptions& options);
+
 struct GeeReport {
   bool present = false;
   std::string structure;  // the working correlation's name
