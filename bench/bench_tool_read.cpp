@@ -98,7 +98,7 @@ void BM_SortedCopy(benchmark::State& state) {
 void BM_FitCommand(benchmark::State& state) {
   FitOptions o;
   o.dataPath = Path();
-  o.response = "y";
+  o.response = std::string("y");
   o.distribution = TQConst::DistPoisson;
   o.factors = {"a", "b"};
   o.covariates = {"x1", "x2", "x3", "x4", "x5", "x6", "x7", "x8", "x9", "x10"};

@@ -158,6 +158,28 @@ TEST(ToolScores, OutputNamesMasksAndChecks) {
                                       "CIMEANPREDNOMINAL_mid_UPPER", "CIMEANPREDNOMINAL_high_LOWER",
                                       "CIMEANPREDNOMINAL_high_UPPER", "CATPRED"}));
 
+  // An ordinal response through the command: one column per category of each list (the engine
+  // may leave them empty, with a status), whatever it fills today.
+  {
+    FitOptions o;
+    o.dataPath = kData + "/../../examples/wine.csv";
+    o.response = "rating";
+    o.distribution = TQConst::DistOrdinalMultinomial;
+    o.factors = {"temp", "contact"};
+    o.savePath = TempPath("wine.csv");
+    std::ostringstream out, err;
+    ASSERT_EQ(RunFitCommand(o, {}, out, err), 0) << err.str();
+    const auto rows = ReadCsv(o.savePath);
+    ASSERT_EQ(rows.size(), 73u);
+    const std::vector<std::string> scores(rows[0].begin() + 4, rows[0].end());
+    EXPECT_EQ(scores, (std::vector<std::string>{"STATUS", "XBPREDNOMINAL_1", "XBPREDNOMINAL_2", "XBPREDNOMINAL_3",
+                                                "XBPREDNOMINAL_4", "MEANPREDNOMINAL_1", "MEANPREDNOMINAL_2",
+                                                "MEANPREDNOMINAL_3", "MEANPREDNOMINAL_4", "MEANPREDNOMINAL_5",
+                                                "CATPRED"}));
+    for (const auto& row : rows) EXPECT_EQ(row.size(), rows[0].size());
+    std::filesystem::remove(o.savePath);
+  }
+
   FitOptions o;
   o.dataPath = kData + "/reference/data/ships.csv";
   o.response = "incidents";

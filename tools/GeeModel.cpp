@@ -147,6 +147,8 @@ bool CheckGeeOptions(const FitOptions& o, std::string& error) {
     if (geeOnly) return Fail(error, "the GEE options need subject variables (--subject)");
     return true;
   }
+  // The engine writes no document of a GEE model: an empty file would pass for one.
+  if (!o.pmmlPath.empty()) return Fail(error, "--pmml: no PMML document is written for GEE models");
   if (o.distribution == TQConst::DistNominalMultinomial) {
     return Fail(error, "GEE models cannot have a nominal response");
   }

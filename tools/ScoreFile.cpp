@@ -91,12 +91,14 @@ bool SamePath(const std::string& a, const std::string& b) {
 
 class CsvOut {
  public:
-  CsvOut(std::ostream& out, char separator) : fOut(out), fSeparator(separator) {}
+  CsvOut(std::ostream& out, char separator) : fOut(out), fSeparator(separator) {
+    for (char c : {separator, '"', '\n', '\r'}) fQuoted[static_cast<unsigned char>(c)] = true;
+  }
 
   void Field(std::string_view text) {
     Separate();
-    const bool quote = text.find_first_of(std::string{fSeparator, '"', '\n', '\r'}) != std::string_view::npos ||
-                       (!text.empty() && (IsBlank(text.front()) || IsBlank(text.back())));
+    bool quote = !text.empty() && (IsBlank(text.front()) || IsBlank(text.back()));
+    for (std::size_t i = 0; i < text.size() && !quote; ++i) quote = fQuoted[static_cast<unsigned char>(text[i])];
     if (!quote) {
       fOut.write(text.data(), static_cast<std::streamsize>(text.size()));
       return;
@@ -139,6 +141,7 @@ class CsvOut {
 
   std::ostream& fOut;
   char fSeparator;
+  bool fQuoted[256] = {};  // bytes that make a field quoted
   bool fFirst = true;
 };
 
