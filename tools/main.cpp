@@ -337,7 +337,8 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
               "Score outputs, comma-separated: XBPRED, XBSTDERROR, MEANPRED, CIMEANPRED, LEVERAGE, RESID, "
               "PEARSONRESID, DEVIANCERESID, STDPEARSONRESID, STDDEVIANCERESID, LIKELIHOODRESID, COOK, CATPRED, "
               "CONF1, CONF2, RAWPROPENSITY, or all (default: predictions, their interval and the raw and Pearson "
-              "residuals, with leverage, deviance residual and Cook's distance for a generalized linear model)")
+              "residuals, with leverage, deviance residual and Cook's distance for a generalized linear model and the "
+              "predicted category of a binary response)")
       ->type_name("OUTPUTS")
       ->group(scores);
   fit.add_option("--score-data", o.scoreDataPath, "Score the records of this CSV file (the data file's columns) with the fitted model")
