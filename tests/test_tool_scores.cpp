@@ -124,6 +124,19 @@ TEST(ToolScores, ReferenceRecordsOfTheFittedAndASecondFile) {
     EXPECT_EQ(saved.size() - 1 + scored.size() - 1, c["expected"]["records"].size());
     EXPECT_GT(compared, 100u);
     EXPECT_GE(statuses, 2u);
+    if (!o.subjects.empty()) {
+      // A subject that the fit never saw is scored like any other.
+      FitOptions n = o;
+      std::ofstream(n.scoreDataPath = TempPath("new_subject.csv")) << "incidents,type,year,period,logservice\n"
+                                                                  << "1,7,2,0,5.7037824746562\n";
+      std::ostringstream out2, err2;
+      ASSERT_EQ(RunFitCommand(n, {}, out2, err2), 0) << err2.str();
+      const auto rows = ReadCsv(n.scoreOutputPath);
+      ASSERT_EQ(rows.size(), 2u);
+      EXPECT_EQ(rows[1][static_cast<std::size_t>(status)], "0");
+      EXPECT_EQ(rows[1][static_cast<std::size_t>(status) + 1], scored[2][static_cast<std::size_t>(status) + 1]);
+      std::filesystem::remove(n.scoreDataPath);
+    }
     // The input fields are copied as they stand, empty ones included.
     std::ifstream extra(o.scoreDataPath);
     std::string line;

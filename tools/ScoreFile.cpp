@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include "GZLOutputStats.h"
+#include "GZLProgress.h"
 #include "GZLScoreStats.h"
 #include "IGZLAlgorithm.h"
 #include "support/TQMV.h"
@@ -167,6 +169,7 @@ void WriteList(CsvOut& out, const std::vector<double>& values, std::size_t colum
 
 // How the outputs of a mask are written, decided once before the records.
 struct ScoreLayout {
+  TQQueryCancel* cancel = nullptr;
   GZLConst_940::ModelType modelType = GZLConst_940::GZLM;
   int mask = 0;
   bool multinomial = false;
@@ -233,15 +236,17 @@ double FittedCode(const CsvColumn& fitted, const std::string& label) {
 
 // Streams the records of a cache through Score into an output CSV file: each record's original
 // fields from the data file, its status and its outputs. map (null for the fitted file itself)
-// builds the fitted file's fields from the scored file's.
-bool WriteScoredRecords(const std::string& dataPath, char separator, const std::vector<std::string>& header,
-                        const RecordCache* records, const std::vector<FieldMap>* map, IGZLAlgorithm& algorithm,
-                        const ScoreLayout& layout, const std::vector<std::string>& columns,
-                        const std::string& outputPath, std::string& error) {
+// builds the fitted file's fields from the scored file's. The cancel query of the layout is asked
+// every few thousand records.
+bool WriteScoredRecordsTo(const std::string& dataPath, char separator, const std::vector<std::string>& header,
+                          const RecordCache* records, const std::vector<FieldMap>* map, IGZLAlgorithm& algorithm,
+                          const ScoreLayout& layout, const std::vector<std::string>& columns,
+                          const std::string& outputPath, bool& created, std::string& error) {
   CsvSequentialReader reader;
   if (!reader.Open(dataPath, separator, error)) return false;
   std::ofstream file(outputPath, std::ios::binary | std::ios::trunc);
   if (!file) return Fail(error, "cannot create '" + outputPath + "'");
+  created = true;
   CsvOut out(file, separator);
   for (const std::string& name : header) out.Field(name);
   out.Field("STATUS");
@@ -256,7 +261,10 @@ bool WriteScoredRecords(const std::string& dataPath, char separator, const std::
     std::vector<std::string_view> fields;
     GZLScoreStats scores(layout.modelType);
     const int mask = layout.mask;
+    std::uint64_t count = 0;
     while (const Record* record = source.NextRecord()) {
+      if ((++count & 4095) == 0 && layout.cancel != nullptr && layout.cancel->IsCancelled())
+        return Fail(error, "writing the scores was cancelled");
       if (!reader.FieldsAt(source.FileOffset(), fields, error)) return false;
       if (map != nullptr) {
         for (std::size_t f = 0; f < row.size(); ++f) {
@@ -282,6 +290,27 @@ bool WriteScoredRecords(const std::string& dataPath, char separator, const std::
   file.flush();
   if (!file) return Fail(error, "cannot write '" + outputPath + "'");
   return true;
+}
+
+// WriteScoredRecordsTo, with the output file removed when it could not be written whole.
+bool WriteScoredRecords(const std::string& dataPath, char separator, const std::vector<std::string>& header,
+                        const RecordCache* records, const std::vector<FieldMap>* map, IGZLAlgorithm& algorithm,
+                        const ScoreLayout& layout, const std::vector<std::string>& columns,
+                        const std::string& outputPath, std::string& error) {
+  bool created = false;
+  if (WriteScoredRecordsTo(dataPath, separator, header, records, map, algorithm, layout, columns, outputPath, created,
+                           error))
+    return true;
+  // A file cut short would pass for the scores of fewer records.
+  if (created) std::remove(outputPath.c_str());
+  return false;
+}
+
+bool IsGroupingColumn(const FitOptions& o, const std::string& column) {
+  for (const auto* list : {&o.subjects, &o.within})
+    for (const std::string& name : *list)
+      if (GroupingColumn(o, name) == column) return true;
+  return false;
 }
 
 // Reads the scored file's columns that the fit used (those it has) and maps them onto the
@@ -311,8 +340,13 @@ bool ReadScoredFile(const FitOptions& o, const CsvTable& fitted, CsvTable& score
     FieldMap& m = map[f];
     m.source = scored.ColumnIndex(column.name);
     if (m.source < 0 || !column.isFactor) continue;
-    for (const std::string& label : scored.Column(static_cast<std::size_t>(m.source)).labels)
-      m.codes.push_back(FittedCode(column, label));
+    // A subject or position the fit never saw is still a subject: scoring only asks that the
+    // value is there, so any valid code stands for it.
+    const bool grouping = IsGroupingColumn(o, column.name);
+    for (const std::string& label : scored.Column(static_cast<std::size_t>(m.source)).labels) {
+      const double code = FittedCode(column, label);
+      m.codes.push_back(grouping && code >= static_cast<double>(column.labels.size()) ? 0.0 : code);
+    }
   }
   return true;
 }
@@ -391,6 +425,7 @@ bool WriteScoreFiles(const FitOptions& o, const CsvTable& table, const GZLSettin
   ScoreLayout layout;
   if (!ScoreMask(o.scoreOutputs, s, layout.mask, error)) return false;
   layout.multinomial = IsMultinomial(s);
+  layout.cancel = s.GetCancelPointer();
   layout.modelType = s.IsModelGEE() ? GZLConst_940::GEE : GZLConst_940::GZLM;
   std::vector<std::string> categories;
   if (layout.multinomial) {
