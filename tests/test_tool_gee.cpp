@@ -211,6 +211,7 @@ TEST(ToolGee, OptionsThatDoNotFit) {
        "'pig' cannot be both a subject variable and a within-subject variable"},
       {[](FitOptions& o) { o.updateCorr = -1; }, "--corr-update must be 0 or more"},
       {[](FitOptions& o) { o.pmmlPath = "/tmp/never.xml"; }, "--pmml: no PMML document is written for GEE models"},
+      {[](FitOptions& o) { o.ciType = GZLConst_940::Profile; }, "--ci profile: GEE models have no likelihood"},
       {[](FitOptions& o) { o.subjects = {"nosuch"}; }, "unknown column 'nosuch'"},
       {[](FitOptions& o) {
          o.corrType = GZLConst_940::FixedCorr;

@@ -147,6 +147,12 @@ bool CheckGeeOptions(const FitOptions& o, std::string& error) {
     if (geeOnly) return Fail(error, "the GEE options need subject variables (--subject)");
     return true;
   }
+  // What rests on a likelihood, which a GEE fit does not have.
+  if (o.effectStatistic == GZLConst_940::EffectStatLR)
+    return Fail(error, "--effect-statistic lr: GEE models have no likelihood (use the Wald tests)");
+  if (o.ciType == GZLConst_940::Profile)
+    return Fail(error, "--ci profile: GEE models have no likelihood (use the Wald intervals)");
+  if (o.overdispersionTest) return Fail(error, "--overdispersion-test does not apply to GEE models");
   // The engine writes no document of a GEE model: an empty file would pass for one.
   if (!o.pmmlPath.empty()) return Fail(error, "--pmml: no PMML document is written for GEE models");
   if (o.distribution == TQConst::DistNominalMultinomial) {
