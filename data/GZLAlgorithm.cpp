@@ -404,6 +404,7 @@ GZLScoringFit GZLAlgorithm::ScoringFit() const {
   fit.fNNonRedundant = optimizer.GetNumNonRedundant();
   fit.fDF = fpInference ? fpInference->GetTQuantileDF() : TQMV::Missing;
   fit.fPropensityCategory = fPropensityCategory;
+  fit.fpCategories = &fResponseCategories;
   return fit;
 }
 

@@ -65,9 +65,8 @@ void GZLLLGradHessian::ComputeLLGradHessian(TQStatus& status, const std::vector<
 void GZLLLGradHessian::CheckSeparation(TQStatus& status, int, int iteration, bool atEnd,
                                        GZLConst_940::StoppingCriteria& criterion) {
   status.Clear();
-  const bool model = fpSettings->IsSingleDependentForBinomial() ||
-                     fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial;
-  if (!model || fCSIteration < 1) return;
+  // The models whose fits check for separation (binary, ordinal and nominal responses).
+  if (!fpOptimizer->IsSeparationModel() || fCSIteration < 1) return;
   const bool due = atEnd ? (iteration < fCSIteration) : (fCSIteration <= iteration);
   if (!due) return;
   fpStatFactory->CheckSeparation(status);

@@ -75,22 +75,28 @@ namespace {
 inline double ShiftedExp(double z) noexcept { return z < TQPower::gMachineMinExp ? 0.0 : std::exp(z); }
 }  // namespace
 
+void GZLNomAccumStats::Probabilities(const double* eta, int nLogits, double* exps, double* pi, double& top,
+                                     double& sum) noexcept {
+  const int L = nLogits;
+  top = 0.0;  // the reference category's predictor
+  for (int c = 0; c < L; ++c) top = std::max(top, eta[c]);
+  const double eRef = ShiftedExp(-top);
+  sum = eRef;
+  for (int c = 0; c < L; ++c) {
+    exps[c] = ShiftedExp(eta[c] - top);
+    sum += exps[c];
+  }
+  exps[L] = eRef;
+  for (int c = 0; c <= L; ++c) pi[c] = exps[c] / sum;
+}
+
 double GZLNomAccumStats::SoftmaxOfEta(int y, double& logPiY) {
   const int L = fNLogits;
-  double top = 0.0;  // the reference category's predictor
-  for (int c = 0; c < L; ++c) top = std::max(top, fEta[static_cast<std::size_t>(c)]);
-  const double eRef = ShiftedExp(-top);
-  double sum = eRef;
-  for (int c = 0; c < L; ++c) {
-    fExp[static_cast<std::size_t>(c)] = ShiftedExp(fEta[static_cast<std::size_t>(c)] - top);
-    sum += fExp[static_cast<std::size_t>(c)];
-  }
-  fExp[static_cast<std::size_t>(L)] = eRef;
+  double top = 0.0, sum = 0.0;
+  Probabilities(fEta.data(), L, fExp.data(), fPi.data(), top, sum);
+  const double eRef = fExp[static_cast<std::size_t>(L)];
   double smallest = 1.0;
-  for (int c = 0; c <= L; ++c) {
-    fPi[static_cast<std::size_t>(c)] = fExp[static_cast<std::size_t>(c)] / sum;
-    smallest = std::min(smallest, fPi[static_cast<std::size_t>(c)]);
-  }
+  for (int c = 0; c <= L; ++c) smallest = std::min(smallest, fPi[static_cast<std::size_t>(c)]);
   // 1 - pi_c as the sum of the other categories' terms, running sums from both ends.
   double before = 0.0;
   for (int c = 0; c < L; ++c) {

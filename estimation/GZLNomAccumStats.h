@@ -87,6 +87,12 @@ class GZLNomAccumStats final : public GZLNomAccumStatsBase {
   bool ComputeProbabilities(const double* x, std::size_t n, double offset, const double* beta,
                             std::vector<double>& pi);
   int GetNumParams() const noexcept { return fNLogits * fNBasicParams; }
+  // The probabilities of the L + 1 categories (the reference last) at the predictors eta of
+  // the L logits, formed relative to the largest predictor (returned in top, with the sum of
+  // the shifted exponentials in sum): exps receives the L + 1 shifted exponentials, pi the
+  // probabilities. Allocates nothing.
+  static void Probabilities(const double* eta, int nLogits, double* exps, double* pi, double& top,
+                            double& sum) noexcept;
   bool GetSeparationCheck() const noexcept { return fbSeparationCheck; }
   void Display() const;
 

@@ -292,6 +292,7 @@ TQStatus GZLOptimizerForGZLM::Estimate() {
 
 TQStatus GZLOptimizerForGZLM::ComputeSSCP(TQSymMatrix& sscp) {
   if (!fbEstimated || !fpStatFactory) return TQStatus::Error(GZLStatusCode::InternalError);
+  if (fpSettings->IsMultinomial()) return MultinomialSSCP(sscp);
   GZLStatFactory& factory = *fpStatFactory;
   // Every column takes part, the aliased ones too: the hypotheses need their relations to the
   // others. The fit's own redundancy is put back afterwards.
@@ -313,6 +314,45 @@ TQStatus GZLOptimizerForGZLM::ComputeSSCP(TQSymMatrix& sscp) {
   } else {
     sscp = std::move(information);
   }
+  return TQStatus();
+}
+
+// A multinomial record's information is a block of (C - 1) x (C - 1) per pair of columns, with
+// no single working weight for the one-row design the hypotheses are built on. Its records are
+// weighted by their frequency and scale weights alone: the same weights at any estimates, so
+// the hypotheses do not move with the fit, and those of a design without empty cells do not
+// depend on the weights at all (the sum-to-zero hypotheses of every complete design).
+TQStatus GZLOptimizerForGZLM::MultinomialSSCP(TQSymMatrix& sscp) {
+  const bool ordinal = fpSettings->GetDistType() == TQConst::DistOrdinalMultinomial;
+  TQStatus st;
+  TQSymMatrix xx;
+  fpStatFactory->ComputeCrossProducts(st, xx, ordinal);
+  if (st.IsError()) return st;
+  if (!fbRTransformed) {
+    sscp = std::move(xx);
+    return TQStatus();
+  }
+  // Scaled rows: the row as specified is the scaled row times the forward transform of one
+  // logit's block (nominal), or of the thresholds' unit column and the effect columns
+  // (ordinal, where a threshold row of the transform carries minus the columns' centres).
+  const TQRectMatrix* forward = fpSource->GetForwardTransform();
+  const int n = xx.GetNumRows();
+  const int thresholds = ordinal ? fNParams - (n - 1) : 0;
+  if (forward == nullptr || n < 1 || forward->GetNumRows() != fNParams || forward->GetNumCols() != fNParams ||
+      (ordinal && thresholds < 1) || (!ordinal && n > fNParams))
+    return TQStatus::Error(GZLStatusCode::InternalError);
+  TQRectMatrix rowForward(n, n, 0.0);
+  if (ordinal) {
+    rowForward(0, 0) = 1.0;
+    for (int j = 1; j < n; ++j) {
+      rowForward(0, j) = -(*forward)(0, thresholds + j - 1);
+      for (int i = 1; i < n; ++i) rowForward(i, j) = (*forward)(thresholds + i - 1, thresholds + j - 1);
+    }
+  } else {
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; j < n; ++j) rowForward(i, j) = (*forward)(i, j);
+  }
+  if (!xx.ComputeRTransSR(rowForward, sscp)) return TQStatus::Error(GZLStatusCode::InternalError);
   return TQStatus();
 }
 

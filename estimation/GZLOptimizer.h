@@ -270,9 +270,14 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   // (aliased ones included) at the final estimates, W the expected-information weight
   // f s (dmu/deta)^2 / V(mu) without the scale; the matrix the hypotheses of the tests of
   // effects are built on. With a scaled design it is mapped back to the design as specified.
-  // Errors: InternalError before estimates exist, and those of the pass.
+  // Multinomial models: the cross-products of one row of the design (a nominal model's one
+  // logit; an ordinal model's unit column for the thresholds, then the effect columns), each
+  // record weighted by f s (see MultinomialSSCP). Errors: InternalError before estimates exist,
+  // and those of the pass.
   TQStatus ComputeSSCP(TQSymMatrix& sscp);
 
+  // Binary and multinomial responses: the models whose fits check for separation.
+  bool IsSeparationModel() const noexcept;
   GZLStatFactory& GetStatFactory() noexcept { return *fpStatFactory; }
   const GZLStatFactory& GetStatFactory() const noexcept { return *fpStatFactory; }
   // The Lagrange multiplier test of the post-estimation step, or null when the model calls for
@@ -282,6 +287,7 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   void Display() const override;
 
  private:
+  TQStatus MultinomialSSCP(TQSymMatrix& sscp);
   // Starting values (host values or the weighted least squares step), the starting scale and
   // k, and the starting pass.
   void ComputeInitialValues();
@@ -316,7 +322,6 @@ class GZLOptimizerForGZLM : public GZLOptimizer {
   bool ZeroScaleCheck();
   double ZeroScaleThreshold() const;
   void ReportProgress();
-  bool IsSeparationModel() const noexcept;
   // Maps estimates, gradient, Hessian and inverse of a scaled design back to the design as
   // specified. False when the transforms do not fit.
   bool MapBackFromScaledDesign();

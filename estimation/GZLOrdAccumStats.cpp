@@ -83,15 +83,7 @@ bool GZLOrdAccumStats::UpdateForRow(const GZLDesignRow& row, const std::vector<d
 }
 
 double GZLOrdAccumStats::CategoryProbabilities() noexcept {
-  const int T = fNThresholds;
-  double smallest = 1.0;
-  for (int k = 0; k <= T; ++k) {
-    const double p = TQCumulativeLinkFunc::IntervalProb(fPoints[static_cast<std::size_t>(k)],
-                                                        fPoints[static_cast<std::size_t>(k + 1)]);
-    fProbs[static_cast<std::size_t>(k)] = p;
-    smallest = std::min(smallest, p);
-  }
-  return smallest;
+  return GZLOrdAccumStatsBase::CategoryProbabilities(fPoints.data(), fNThresholds, fProbs.data());
 }
 
 bool GZLOrdAccumStats::ComputeProbabilities(const double* x, std::size_t n, double offset, const double* beta,
@@ -99,16 +91,34 @@ bool GZLOrdAccumStats::ComputeProbabilities(const double* x, std::size_t n, doub
   if (n != static_cast<std::size_t>(fNColumns) || !fpLinkFunc || fNThresholds < 1) return false;
   double lambda = -offset;
   for (int j = 0; j < fNColumns; ++j) lambda += x[j] * beta[fNThresholds + j];
+  std::vector<double> eta(static_cast<std::size_t>(fNThresholds));
+  for (int t = 0; t < fNThresholds; ++t) eta[static_cast<std::size_t>(t)] = beta[t] - lambda;
   std::vector<TQCumulativePoint> points(fPoints.size());
-  points.back().lower = 1.0;
-  points.back().upper = 0.0;
-  for (int t = 0; t < fNThresholds; ++t)
-    if (!fpLinkFunc->Evaluate(beta[t] - lambda, points[static_cast<std::size_t>(t + 1)])) return false;
   pi.resize(static_cast<std::size_t>(fNThresholds + 1));
-  for (int k = 0; k <= fNThresholds; ++k)
-    pi[static_cast<std::size_t>(k)] = TQCumulativeLinkFunc::IntervalProb(points[static_cast<std::size_t>(k)],
-                                                                         points[static_cast<std::size_t>(k + 1)]);
+  return GZLOrdAccumStatsBase::CategoryProbabilities(*fpLinkFunc, eta.data(), fNThresholds, points.data(), pi.data());
+}
+
+bool GZLOrdAccumStatsBase::CategoryProbabilities(const TQCumulativeLinkFunc& link, const double* eta, int nThresholds,
+                                                 TQCumulativePoint* points, double* pi) noexcept {
+  points[0] = TQCumulativePoint();
+  TQCumulativePoint& top = points[nThresholds + 1];
+  top = TQCumulativePoint();
+  top.lower = 1.0;
+  top.upper = 0.0;
+  for (int t = 0; t < nThresholds; ++t)
+    if (!link.Evaluate(eta[t], points[t + 1])) return false;
+  CategoryProbabilities(points, nThresholds, pi);
   return true;
+}
+
+double GZLOrdAccumStatsBase::CategoryProbabilities(const TQCumulativePoint* points, int nThresholds,
+                                                   double* pi) noexcept {
+  double smallest = 1.0;
+  for (int k = 0; k <= nThresholds; ++k) {
+    pi[k] = TQCumulativeLinkFunc::IntervalProb(points[k], points[k + 1]);
+    smallest = std::min(smallest, pi[k]);
+  }
+  return smallest;
 }
 
 void GZLOrdAccumStats::Merge(const GZLOrdAccumStats& other) {

@@ -54,6 +54,15 @@ class GZLOrdAccumStatsBase {
   // Null when the settings' link is not a cumulative link.
   const TQCumulativeLinkFunc* GetLink() const noexcept { return fpLinkFunc.get(); }
 
+  // The C = T + 1 category probabilities at the T cumulative predictors eta_j = theta_j -
+  // lambda: points (T + 2 entries) receives the link's values at each predictor in entries 1 ..
+  // T, between the bottom (entry 0) and the top (entry T + 1) of the scale, which it sets; pi
+  // receives the probabilities. False when the link cannot take a predictor. Allocates nothing.
+  static bool CategoryProbabilities(const TQCumulativeLinkFunc& link, const double* eta, int nThresholds,
+                                    TQCumulativePoint* points, double* pi) noexcept;
+  // The probabilities from points already set (entries 0 .. T + 1); returns the smallest.
+  static double CategoryProbabilities(const TQCumulativePoint* points, int nThresholds, double* pi) noexcept;
+
  protected:
   int fNCategories;
   int fOffsetOfIndex;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cfloat>
+#include <span>
 #include <thread>
 #include <type_traits>
 
@@ -850,11 +851,41 @@ double GZLStatFactory::ComputeInitialScale(TQStatus& status, const std::vector<d
   return sum / counted;
 }
 
+namespace {
+
+// The f s weighted cross-products of the complete rows of a pass (with a leading unit column
+// when asked), as one thread's share: mergeable from its value alone.
+struct CrossProductShare {
+  TQSymMatrix xx;
+  std::vector<double> x;  // the leading 1, then the row's values
+  std::size_t first = 0;
+  std::size_t width = 0;
+  CrossProductShare(std::size_t rowWidth, bool leadingOne)
+      : xx(static_cast<int>(rowWidth + (leadingOne ? 1 : 0))),
+        x(rowWidth + (leadingOne ? 1 : 0), 1.0),
+        first(leadingOne ? 1 : 0),
+        width(rowWidth) {}
+  template <class Row>
+  void Add(const Row& row) noexcept {
+    if (row.fbInvalid || row.fValues.size() != width) return;
+    const double* v = row.fValues.data();
+    const double w = row.fFreqWeight * row.fScaleWeight;
+    if (first == 0) {
+      xx.UpdateXX(std::span<const double>(v, width), w);
+      return;
+    }
+    std::copy(v, v + width, x.begin() + 1);
+    xx.UpdateXX(x, w);
+  }
+  void Merge(const CrossProductShare& other) noexcept { xx.ComputeAXpY(1.0, other.xx); }
+};
+
+}  // namespace
+
 void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossProducts, bool leadingOne) {
   status.Clear();
   const std::size_t width = static_cast<std::size_t>(fRowWidth);
-  const std::size_t first = leadingOne ? 1 : 0;
-  crossProducts = TQSymMatrix(static_cast<int>(width + first));
+  crossProducts = TQSymMatrix(static_cast<int>(width + (leadingOne ? 1 : 0)));
   if (!fpSource->RestartPass()) {
     status = TQStatus::Error(GZLStatusCode::NewPass);
     return;
@@ -864,21 +895,28 @@ void GZLStatFactory::ComputeCrossProducts(TQStatus& status, TQSymMatrix& crossPr
     status = TQStatus::Error(1);
     return;
   }
-  std::vector<double> x(width + first, 1.0);
-  while (const GZLDesignRow* row = fpSource->GetNextRow()) {
-    if (!row->fbInvalid && row->fValues.size() == width) {
-      if (leadingOne) {
-        std::copy(row->fValues.begin(), row->fValues.end(), x.begin() + 1);
-        crossProducts.UpdateXX(x, row->fFreqWeight * row->fScaleWeight);
-      } else {
-        crossProducts.UpdateXX(row->fValues, row->fFreqWeight * row->fScaleWeight);
+  CrossProductShare main(width, leadingOne);
+  bool cancelled = false;
+  fbLastPassParallel = false;
+  if (UseSecondThread() && PrepareSecondThread()) {
+    fbLastPassParallel = true;
+    CrossProductShare second(width, leadingOne);
+    auto step = [](CrossProductShare& share, const auto& row) { share.Add(row); };
+    cancelled = GZLRunSharedPass(*fpSharing, *fpSource, cancel, main, second, step, 2);
+  } else {
+    while (const GZLDesignRow* row = fpSource->GetNextRow()) {
+      main.Add(*row);
+      if (IsCancelled(cancel)) {
+        cancelled = true;
+        break;
       }
     }
-    if (IsCancelled(cancel)) {
-      status = TQStatus::Error(1);
-      return;
-    }
   }
+  if (cancelled) {
+    status = TQStatus::Error(1);
+    return;
+  }
+  crossProducts = std::move(main.xx);
 }
 
 double GZLStatFactory::ComputeResidualSS(TQStatus& status, const std::vector<double>& beta) {

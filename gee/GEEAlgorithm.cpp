@@ -300,6 +300,7 @@ TQStatus GEEAlgorithm::Score(const Record& record, GZLScoreStats& scores, const 
   fit.fK = fpOptimizer->GetK();
   fit.fNNonRedundant = fpOptimizer->GetFinalRedunInfo().Count();
   fit.fDF = fpInference ? fpInference->GetTQuantileDF() : TQMV::Missing;
+  fit.fpCategories = &fTargetCategories;
   fpScoringEngine->SetFit(fit);
   if (mask != nullptr && (*mask != fpScoringEngine->GetScoreType() || !fpScoringEngine->IsValidated())) {
     const TQStatus maskStatus = fpScoringEngine->SetScoreType(*mask);

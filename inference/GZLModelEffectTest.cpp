@@ -141,12 +141,15 @@ bool GZLModelEffectTestData::ExpandToParameters(const TQRectMatrix& basic, TQRec
     return true;
   }
   if (fbOrdinal) {
-    // Column 0 stands for the first threshold; the others get zero columns after it.
+    // Column 0 stands for the first threshold; the others get zero columns after it. The
+    // cumulative predictor is theta - x'beta, so a row over (1, x) that weighs the intercept by
+    // a weighs the first threshold by -a against the effects' parameters (a row of an effect,
+    // whose intercept entry is 0, is unchanged).
     const int extra = fNParams - n;
     if (extra < 0 || n < 1) return false;
     TQRectMatrix expanded(basic.GetNumRows(), fNParams);
     for (int i = 0; i < basic.GetNumRows(); ++i) {
-      expanded(i, 0) = basic(i, 0);
+      expanded(i, 0) = basic(i, 0) == 0.0 ? 0.0 : -basic(i, 0);
       for (int j = 1; j < n; ++j) expanded(i, j + extra) = basic(i, j);
     }
     out = std::move(expanded);

@@ -8,6 +8,8 @@
 #include "GZLVarianceFunc.h"
 #include "data/GZLDesignMatrix.h"
 #include "data/GZLRecordAccess.h"
+#include "estimation/GZLNomAccumStats.h"
+#include "estimation/GZLOrdAccumStats.h"
 #include "families/GZLDevianceFunc.h"
 #include "support/ITQLinkFunc.h"
 #include "support/TQDisplay_940.h"
@@ -74,6 +76,8 @@ GZLScoringEngine::GZLScoringEngine(GZLDesignMatrix& design, const GZLSettings& s
   fpLink.reset(CreateLinkFunction(settings.GetLinkType(), settings.GetLinkParam()));
   fpVariance.reset(CreateVarianceFunction(fDistType, distParam));
   fpDeviance.reset(CreateDevianceFunction(fDistType, distParam));
+  fbOrdinal = fDistType == TQConst::DistOrdinalMultinomial;
+  if (fbOrdinal) fpCumulativeLink = dynamic_cast<const TQCumulativeLinkFunc*>(fpLink.get());
 
   const TQFactorCounts& counts = design.GetFactorCounts();
   const std::vector<int>& fields = settings.GetFactors();
@@ -103,7 +107,10 @@ void GZLScoringEngine::SetFit(const GZLScoringFit& fit) {
     fFitCount = fit.fFitCount;
     fEstimates = estimates;
     fbValidated = false;
-    const int n = static_cast<int>(fRow.fValues.size());
+    if (fbMultinomial) SetCategoryLayout(fit);
+    // The matrices cover every parameter: the row's columns, or the thresholds or logit blocks
+    // of a multinomial model.
+    const int n = fbMultinomial ? static_cast<int>(fNParameters) : static_cast<int>(fRow.fValues.size());
     fbHaveCovariance = Covers(fit.fpCovariance, n);
     fbCovarianceUsable = fbHaveCovariance && CopyLeadingBlock(*fit.fpCovariance, fit.fCovarianceSign, n, fCovariance);
     // The model-based covariance is the inverse information itself: one matrix, and one
@@ -235,11 +242,243 @@ void GZLScoringEngine::ScoreScalar(TQStatus& status, GZLScoreStats& scores) {
   }
 }
 
-void GZLScoringEngine::ScoreCategories(TQStatus& status, GZLScoreStats&) {
-  // The lists of a multinomial response are empty until its accumulators provide the
-  // category predictors: a record asking for them cannot be scored.
-  if (fMask & (ScoreXBPRED | ScoreXBSTDERROR | ScoreMEANPRED | ScoreCIMEANPRED))
-    status = TQStatus::Error(GZLStatusCode::ScoringFailed);
+void GZLScoringEngine::SetCategoryLayout(const GZLScoringFit& fit) {
+  const std::size_t rowSize = fRow.fValues.size();
+  const std::size_t nEstimates = fEstimates.size();
+  const std::size_t nCodes = fit.fpCategories != nullptr ? fit.fpCategories->size() : 0;
+  // Ordinal: the thresholds ahead of the row's columns; nominal: one block of the row's width
+  // per logit (no block at all when the row is empty: every category is then equally likely).
+  std::size_t predictors = 0;
+  bool usable = false;
+  if (fbOrdinal) {
+    predictors = nEstimates > rowSize ? nEstimates - rowSize : 0;
+    usable = predictors > 0 && fpCumulativeLink != nullptr;
+  } else if (rowSize > 0) {
+    predictors = nEstimates / rowSize;
+    usable = predictors > 0 && predictors * rowSize == nEstimates;
+  } else {
+    predictors = nCodes > 1 ? nCodes - 1 : 0;
+    usable = predictors > 0 && nEstimates == 0;
+  }
+  fbCategoriesUsable = usable;
+  fNPredictors = usable ? static_cast<int>(predictors) : 0;
+  fNParameters = usable ? nEstimates : 0;
+  const std::size_t K = usable ? predictors + 1 : 0;
+
+  // The category codes, when the fit names one per probability, and their weighted counts in
+  // the fit for the tie rule of the predicted category.
+  fCategoryCodes.clear();
+  fCategoryCounts.clear();
+  if (usable && nCodes == K) {
+    fCategoryCodes = *fit.fpCategories;
+    const auto* counts = fpDesign->GetFactorCounts().GetDependCountsPtr();
+    for (int code : fCategoryCodes)
+      fCategoryCounts.push_back(counts != nullptr && code >= 0 && static_cast<std::size_t>(code) < counts->size()
+                                    ? (*counts)[static_cast<std::size_t>(code)].first
+                                    : 0.0);
+  }
+  fCatEta.assign(predictors, kMissing);
+  fCatStdErr.assign(predictors, kMissing);
+  fCatProb.assign(K, kMissing);
+  fCatExp.assign(K, 0.0);
+  fCatInterval.assign(K, {kMissing, kMissing});
+  fCatPoints.assign(K + 1, TQCumulativePoint());
+  fCatForms.assign(fbOrdinal ? predictors : predictors * predictors, 0.0);
+}
+
+void GZLScoringEngine::ScoreCategories(TQStatus& status, GZLScoreStats& scores) {
+  const int mask = fMask;
+  // A requested list that cannot be formed stays empty and fails the record; the others are
+  // still delivered.
+  bool failed = false;
+  const auto deliver = [this, mask, &failed](int bit, bool (GZLScoringEngine::*ready)(), auto store) {
+    if ((mask & bit) == 0) return;
+    if ((this->*ready)())
+      store();
+    else
+      failed = true;
+  };
+  deliver(ScoreXBPRED, &GZLScoringEngine::CategoryPredictors, [&] { scores.SetXBPREDNOMINAL(fCatEta); });
+  deliver(ScoreXBSTDERROR, &GZLScoringEngine::CategoryStdErrs, [&] { scores.SetXBSTDERRORNOMINAL(fCatStdErr); });
+  deliver(ScoreMEANPRED, &GZLScoringEngine::CategoryProbabilities, [&] { scores.SetMEANPREDNOMINAL(fCatProb); });
+  deliver(ScoreCIMEANPRED, &GZLScoringEngine::CategoryIntervals,
+          [&] { scores.SetCIMEANPREDNOMINAL(fCatInterval); });
+  if (failed) status = TQStatus::Error(GZLStatusCode::ScoringFailed);
+  if ((mask & (ScoreCATPRED | ScoreConf1 | ScoreConf2)) == 0 || !CategoryProbabilities()) return;
+  const int pick = PickCategory(fCatProb, fCategoryCounts);
+  if (pick < 0) return;
+  if ((mask & ScoreCATPRED) && !fCategoryCodes.empty())
+    scores.SetCATPRED(static_cast<double>(fCategoryCodes[static_cast<std::size_t>(pick)]));
+  if (mask & ScoreConf1) scores.SetConf1(fCatProb[static_cast<std::size_t>(pick)]);
+  if (mask & ScoreConf2) {
+    double first = -1.0, second = -1.0;
+    for (double p : fCatProb) {
+      if (p > first) {
+        second = first;
+        first = p;
+      } else if (p > second) {
+        second = p;
+      }
+    }
+    scores.SetConf2(second < 0.0 ? kMissing : first - second);
+  }
+}
+
+bool GZLScoringEngine::CategoryPredictors() {
+  if (fCache & CacheEta) return !TQMV::IsMissing(fEta);
+  fCache |= CacheEta;
+  // fEta marks whether the predictors exist (0) or not (missing).
+  fEta = kMissing;
+  if (!fbCategoriesUsable || fRow.fbInvalid) return false;
+  const std::size_t p = fRow.fValues.size();
+  const double* x = fRow.fValues.data();
+  const double* b = fEstimates.data();
+  const int J = fNPredictors;
+  if (fbOrdinal) {
+    // The fit's cumulative argument theta_j - (x'beta - o): the offset raises every cumulative
+    // predictor, as in the fit's record step and the PMML document, so that the scores are the
+    // probabilities of the model that was fitted (not theta_j - (x'beta + o)).
+    if (!Usable(fRow.fOffset)) return false;
+    const double* beta = b + J;
+    double lambda = -fRow.fOffset;
+    for (std::size_t i = 0; i < p; ++i) lambda += beta[i] * x[i];
+    for (int j = 0; j < J; ++j) fCatEta[static_cast<std::size_t>(j)] = b[j] - lambda;
+  } else {
+    for (int j = 0; j < J; ++j) {
+      const double* bj = b + static_cast<std::size_t>(j) * p;
+      double eta = 0.0;
+      for (std::size_t i = 0; i < p; ++i) eta += bj[i] * x[i];
+      fCatEta[static_cast<std::size_t>(j)] = eta;
+    }
+  }
+  for (double eta : fCatEta)
+    if (!Usable(eta)) return false;
+  fEta = 0.0;
+  return true;
+}
+
+bool GZLScoringEngine::CategoryProbabilities() {
+  if (fCache & CacheMean) return !TQMV::IsMissing(fMean);
+  fCache |= CacheMean;
+  fMean = kMissing;
+  if (!CategoryPredictors()) return false;
+  if (fbOrdinal) {
+    if (!GZLOrdAccumStatsBase::CategoryProbabilities(*fpCumulativeLink, fCatEta.data(), fNPredictors,
+                                                     fCatPoints.data(), fCatProb.data()))
+      return false;
+  } else {
+    double top = 0.0, sum = 0.0;
+    GZLNomAccumStats::Probabilities(fCatEta.data(), fNPredictors, fCatExp.data(), fCatProb.data(), top, sum);
+  }
+  for (double p : fCatProb)
+    if (!Usable(p)) return false;
+  fMean = 0.0;
+  return true;
+}
+
+namespace {
+// Entry (r, c), r >= c, of a packed lower triangle.
+inline double Packed(const double* a, std::size_t r, std::size_t c) noexcept { return a[r * (r + 1) / 2 + c]; }
+}  // namespace
+
+bool GZLScoringEngine::CategoryForms() {
+  if (fCache & CacheXCX) return !TQMV::IsMissing(fCatXCX);
+  fCache |= CacheXCX;
+  fCatXCX = kMissing;
+  if (!fbCovarianceUsable || !fbCategoriesUsable || fRow.fbInvalid) return false;
+  GatherNonZero();
+  const std::size_t J = static_cast<std::size_t>(fNPredictors);
+  double check = 0.0;
+  if (fbOrdinal) {
+    const double* a = fCovariance.data();
+    fCatXCX = QuadraticForm(fCovariance, J, J);
+    for (std::size_t j = 0; j < J; ++j) {
+      double u = 0.0;
+      for (std::size_t s = 0; s < fNNonZero; ++s) u += fNonZeroValues[s] * Packed(a, J + static_cast<std::size_t>(fNonZero[s]), j);
+      fCatForms[j] = u;
+      check += u;
+    }
+  } else {
+    const std::size_t p = fRow.fValues.size();
+    for (std::size_t c = 0; c < J; ++c) {
+      fCatForms[c * J + c] = QuadraticForm(fCovariance, c * p, c * p);
+      for (std::size_t c2 = 0; c2 < c; ++c2)
+        fCatForms[c * J + c2] = fCatForms[c2 * J + c] = QuadraticForm(fCovariance, c * p, c2 * p);
+    }
+    for (double q : fCatForms) check += q;
+    fCatXCX = 0.0;
+  }
+  if (!Usable(check) || !Usable(fCatXCX)) fCatXCX = kMissing;
+  return !TQMV::IsMissing(fCatXCX);
+}
+
+bool GZLScoringEngine::CategoryStdErrs() {
+  if (fCache & CacheStdErr) return !TQMV::IsMissing(fStdErr);
+  fCache |= CacheStdErr;
+  fStdErr = kMissing;
+  if (!CategoryPredictors()) return false;
+  fStdErr = 0.0;
+  const bool forms = CategoryForms();
+  const std::size_t J = static_cast<std::size_t>(fNPredictors);
+  for (std::size_t j = 0; j < J; ++j) {
+    double v = kMissing;
+    if (forms)
+      v = fbOrdinal ? Packed(fCovariance.data(), j, j) - 2.0 * fCatForms[j] + fCatXCX : fCatForms[j * J + j];
+    // Rounding can leave a form a little below 0.
+    fCatStdErr[j] = !Usable(v) ? kMissing : (v < 0.0 ? 0.0 : std::sqrt(v));
+  }
+  return true;
+}
+
+double GZLScoringEngine::CategoryProbabilityVariance(int k) {
+  if (!CategoryForms()) return kMissing;
+  const double* a = fCovariance.data();
+  const int J = fNPredictors;
+  double v = 0.0;
+  if (fbOrdinal) {
+    // P_k = F(eta_k) - F(eta_{k-1}): its gradient is f_k at theta_k, -f_{k-1} at theta_{k-1}
+    // and -(f_k - f_{k-1}) x at beta.
+    const double hi = k < J ? fCatPoints[static_cast<std::size_t>(k + 1)].density : 0.0;
+    const double lo = k > 0 ? fCatPoints[static_cast<std::size_t>(k)].density : 0.0;
+    const double g = hi - lo;
+    const std::size_t uk = static_cast<std::size_t>(k);
+    if (k < J) v += hi * hi * Packed(a, uk, uk) - 2.0 * g * hi * fCatForms[uk];
+    if (k > 0) v += lo * lo * Packed(a, uk - 1, uk - 1) + 2.0 * g * lo * fCatForms[uk - 1];
+    if (k > 0 && k < J) v -= 2.0 * hi * lo * Packed(a, uk, uk - 1);
+    v += g * g * fCatXCX;
+  } else {
+    // d pi_k / d beta_c = pi_k (1{k = c} - pi_c) x.
+    const double pk = fCatProb[static_cast<std::size_t>(k)];
+    for (int c = 0; c < J; ++c) {
+      const double dc = pk * ((c == k ? 1.0 : 0.0) - fCatProb[static_cast<std::size_t>(c)]);
+      for (int c2 = 0; c2 < J; ++c2) {
+        const double dc2 = pk * ((c2 == k ? 1.0 : 0.0) - fCatProb[static_cast<std::size_t>(c2)]);
+        v += dc * dc2 * fCatForms[static_cast<std::size_t>(c) * J + c2];
+      }
+    }
+  }
+  return Usable(v) ? (v < 0.0 ? 0.0 : v) : kMissing;
+}
+
+bool GZLScoringEngine::CategoryIntervals() {
+  if (fCache & CacheInterval) return !TQMV::IsMissing(fLower);
+  fCache |= CacheInterval;
+  fLower = kMissing;
+  if (!CategoryProbabilities()) return false;
+  fLower = 0.0;
+  for (std::size_t k = 0; k < fCatProb.size(); ++k) {
+    auto& interval = fCatInterval[k];
+    interval = {kMissing, kMissing};
+    const double p = fCatProb[k];
+    if (TQMV::IsMissing(fCritical) || !(p > 0.0 && p < 1.0)) continue;
+    const double v = CategoryProbabilityVariance(static_cast<int>(k));
+    if (TQMV::IsMissing(v)) continue;
+    const double logit = std::log(p) - std::log1p(-p);
+    const double d = fCritical * std::sqrt(v) / (p * (1.0 - p));
+    if (!Usable(d)) continue;
+    interval = {1.0 / (1.0 + std::exp(-(logit - d))), 1.0 / (1.0 + std::exp(-(logit + d)))};
+  }
+  return true;
 }
 
 int GZLScoringEngine::PickCategory(const std::vector<double>& probabilities, const std::vector<double>& counts) {
@@ -301,18 +540,23 @@ void GZLScoringEngine::GatherNonZero() {
   fNNonZero = k;
 }
 
-double GZLScoringEngine::QuadraticForm(const std::vector<double>& packed) const {
-  // x'Ax over the non-zero columns: a factor's block adds one column, not its whole width.
+double GZLScoringEngine::QuadraticForm(const std::vector<double>& packed, std::size_t rowOffset,
+                                       std::size_t colOffset) const {
+  // x'Ax over the non-zero columns: a factor's block adds one column, not its whole width. A
+  // diagonal block (equal offsets) is read from its lower triangle, an off-diagonal one (the row
+  // block after the column block) whole.
+  const bool diagonal = rowOffset == colOffset;
   const double* a = packed.data();
   const int* idx = fNonZero.data();
   const double* v = fNonZeroValues.data();
   double q = 0.0;
   for (std::size_t s = 0; s < fNNonZero; ++s) {
-    const std::size_t i = static_cast<std::size_t>(idx[s]);
-    const double* rowI = a + i * (i + 1) / 2;
+    const std::size_t i = rowOffset + static_cast<std::size_t>(idx[s]);
+    const double* rowI = a + i * (i + 1) / 2 + colOffset;
+    const std::size_t end = diagonal ? s : fNNonZero;
     double inner = 0.0;
-    for (std::size_t t = 0; t < s; ++t) inner += rowI[idx[t]] * v[t];
-    q += v[s] * (2.0 * inner + rowI[i] * v[s]);
+    for (std::size_t t = 0; t < end; ++t) inner += rowI[idx[t]] * v[t];
+    q += diagonal ? v[s] * (2.0 * inner + rowI[idx[s]] * v[s]) : v[s] * inner;
   }
   return q;
 }

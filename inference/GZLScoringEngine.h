@@ -12,15 +12,31 @@
 //
 // GEE models score through the same path with their own fit (model type 1, the robust
 // covariance, no inverse information): the mask then refuses leverage and the outputs built on
-// it, and the score object refuses to store them. Multinomial responses take the per-category
-// branch (ScoreCategories).
+// it, and the score object refuses to store them.
+//
+// Multinomial responses take the per-category branch (ScoreCategories), with the covariance the
+// fit hands over (model-based, or the one a GEE fit chooses):
+// - ordinal (cumulative link F, thresholds theta_0 .. theta_{K-2} first, then beta): predictor j
+//   is theta_j - x'beta + o, the argument of F in P(Y <= j) exactly as the fit and the PMML
+//   document take it (the offset shifts every cumulative predictor up); category k has
+//   probability F(eta_k) - F(eta_{k-1}) (F = 0 below the first, 1 above the last);
+// - nominal (one block of p parameters per non-reference category, the reference last):
+//   predictor j is x'beta_j without the offset, and the probabilities are the softmax of the
+//   predictors with 0 for the reference.
+// The lists follow the model's category order (ordinal ascending, nominal with the reference
+// last); the standard error of a predictor is sqrt(a'Ca) for its gradient a. The interval of a
+// category probability is formed on the logit scale, where it stays inside (0, 1):
+// expit(logit(pi) -/+ q se(pi) / (pi (1 - pi))), se(pi) by the delta method; a probability of 0
+// or 1 has no interval (missing limits).
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "GZLConst_940.h"
 #include "GZLRecord.h"
 #include "TQConst.h"
 #include "data/GZLDesignRow.h"
+#include "support/LinkFunctions.h"
 #include "support/TQMV.h"
 #include "support/TQStatus.h"
 
@@ -59,6 +75,9 @@ struct GZLScoringFit {
   double fDF = TQMV::Missing;
   // 0: the raw propensity is 1 - mean; 1: the mean.
   int fPropensityCategory = 1;
+  // Multinomial response: the category codes in the model's order (ordinal ascending, nominal
+  // with the reference last), one per category probability; null for other responses.
+  const std::vector<int>* fpCategories = nullptr;
 };
 
 class GZLScoringEngine {
@@ -169,13 +188,28 @@ class GZLScoringEngine {
   double Cook();
   // The non-zero columns of the row, gathered once per record for the quadratic forms.
   void GatherNonZero();
-  double QuadraticForm(const std::vector<double>& packed) const;
+  // x'A_{rc}x over the non-zero columns for the block of A whose rows are the parameters
+  // rowOffset + i and whose columns are colOffset + i (i a column of the row): a diagonal block
+  // (equal offsets), or one whose rows all follow its columns.
+  double QuadraticForm(const std::vector<double>& packed, std::size_t rowOffset = 0, std::size_t colOffset = 0) const;
+  // The multinomial layout of a fit (number of predictors, category codes and counts, scratch).
+  void SetCategoryLayout(const GZLScoringFit& fit);
   // The scalar outputs of a single-response model.
   void ScoreScalar(TQStatus& status, GZLScoreStats& scores);
-  // The per-category outputs of a multinomial response. Their predictors and probabilities
-  // come from the multinomial accumulators, which this build does not have: the lists stay
-  // empty and a request for them fails the record.
+  // The per-category outputs of a multinomial response; a requested list that cannot be formed
+  // (a flagged row, a predictor the link cannot take) stays empty and fails the record.
   void ScoreCategories(TQStatus& status, GZLScoreStats& scores);
+  // Their ingredients, cached like the scalar ones (CacheEta, CacheMean, CacheXCX, CacheStdErr,
+  // CacheInterval); false when the predictors cannot be formed.
+  bool CategoryPredictors();
+  bool CategoryProbabilities();
+  // x'C_bb x and the threshold cross terms (ordinal), or the L x L block forms (nominal); false
+  // when the covariance cannot be used.
+  bool CategoryForms();
+  bool CategoryStdErrs();
+  bool CategoryIntervals();
+  // Variance of category k's probability by the delta method (missing without the forms).
+  double CategoryProbabilityVariance(int k);
 
   GZLDesignMatrix* fpDesign;
   const GZLSettings* fpSettings;
@@ -195,6 +229,7 @@ class GZLScoringEngine {
   double fConfidenceLevel = 0.95;
   int fTestType = 0;
   bool fbHaveResponseCounts = false;
+  bool fbOrdinal = false;
 
   // From the fit.
   long fFitCount = -1;
@@ -217,6 +252,16 @@ class GZLScoringEngine {
   std::unique_ptr<ITQLinkFunc> fpLink;
   std::unique_ptr<IGZLVarianceFunc> fpVariance;
   std::unique_ptr<IGZLDevianceFunc> fpDeviance;
+  // The link as a cumulative link (ordinal responses), else null.
+  const TQCumulativeLinkFunc* fpCumulativeLink = nullptr;
+
+  // Multinomial layout of the fit: K - 1 predictors (thresholds or logits) over a row of
+  // fRowSize columns; false when the estimates do not fit it.
+  bool fbCategoriesUsable = false;
+  int fNPredictors = 0;
+  std::size_t fNParameters = 0;
+  std::vector<int> fCategoryCodes;      // empty when the fit names no categories of this number
+  std::vector<double> fCategoryCounts;  // weighted counts of the fit, model order
 
   // The model factors with the categories that had weight in the fit.
   struct FactorCheck {
@@ -249,4 +294,14 @@ class GZLScoringEngine {
   double fStdDeviance = TQMV::Missing;
   double fLikelihood = TQMV::Missing;
   double fCook = TQMV::Missing;
+  // Per-category ingredients of the record (sized with the fit).
+  std::vector<double> fCatEta;
+  std::vector<double> fCatStdErr;
+  std::vector<double> fCatProb;
+  std::vector<double> fCatExp;
+  std::vector<std::pair<double, double>> fCatInterval;
+  std::vector<TQCumulativePoint> fCatPoints;
+  // Ordinal: u_j = sum_i C(j, T + i) x_i per threshold; nominal: x'C_{c c'} x, L x L.
+  std::vector<double> fCatForms;
+  double fCatXCX = TQMV::Missing;
 };

@@ -83,36 +83,48 @@ TEST(EstimationAllocations, NoAllocationPerRecord) {
 }
 
 TEST(ScoringAllocations, NoAllocationPerRecord) {
-  GZLSettings s;
-  s.SetDistType(TQConst::DistPoisson);
-  s.SetLinkType(TQConst::LinkLog);
-  s.SetScaleType(GZLConst_940::ScaleFixed);
-  s.SetDependent(0);
-  s.SetInterceptUse(true);
-  s.AddFactor(2, 3);
-  s.AddCovariate(1);
-  static std::vector<int> vars{2, 1};
-  GZLModelEffect cov(1, 1, &vars), fac(1, 1, &vars);
-  cov.AddCovariate(1);
-  fac.AddNewFactor(2, false);
-  s.AddModelEffect(cov);
-  s.AddModelEffect(fac);
-  std::vector<std::vector<double>> rows;
-  for (int i = 0; i < 50; ++i) rows.push_back({1.0 + (i % 7), 0.1 * (i % 5), static_cast<double>(i % 3)});
-  GZLMemorySource src(rows);
-  std::unique_ptr<IGZLAlgorithm> a(GZLFactory::CreateAlgorithm(s, false));
-  ASSERT_TRUE(a);
-  ASSERT_FALSE(a->BuildModel(src).IsError());
-  GZLScoreStats scores;
-  const int mask = 0xFFFF;
-  Record first(rows[0].data(), rows[0].size());
-  ASSERT_TRUE(a->Score(first, scores, &mask).IsOK());  // creates and primes the engine
-  const long before = gAllocations;
-  for (const auto& r : rows) {
-    const Record record(r.data(), r.size());
-    EXPECT_TRUE(a->Score(record, scores, &mask).IsOK());
+  // A count model with every output, then the per-category lists of an ordinal and a nominal
+  // model into a score object the host reuses.
+  for (const TQConst::DistType dist :
+       {TQConst::DistPoisson, TQConst::DistOrdinalMultinomial, TQConst::DistNominalMultinomial}) {
+    SCOPED_TRACE(static_cast<int>(dist));
+    const bool multinomial = dist != TQConst::DistPoisson;
+    GZLSettings s;
+    s.SetDistType(dist);
+    s.SetLinkType(dist == TQConst::DistPoisson ? TQConst::LinkLog
+                  : dist == TQConst::DistOrdinalMultinomial ? TQConst::LinkCumLogit
+                                                                           : TQConst::LinkLogit);
+    s.SetScaleType(GZLConst_940::ScaleFixed);
+    s.SetDependent(0);
+    if (multinomial) s.SetDependentSize(3);
+    s.SetInterceptUse(true);
+    s.AddFactor(2, 3);
+    s.AddCovariate(1);
+    static std::vector<int> vars{2, 1};
+    GZLModelEffect cov(1, 1, &vars), fac(1, 1, &vars);
+    cov.AddCovariate(1);
+    fac.AddNewFactor(2, false);
+    s.AddModelEffect(cov);
+    s.AddModelEffect(fac);
+    std::vector<std::vector<double>> rows;
+    for (int i = 0; i < 50; ++i)
+      rows.push_back({multinomial ? (i % 7) % 3 : 1.0 + (i % 7), 0.1 * (i % 5), static_cast<double>(i % 3)});
+    GZLMemorySource src(rows);
+    std::unique_ptr<IGZLAlgorithm> a(GZLFactory::CreateAlgorithm(s, false));
+    ASSERT_TRUE(a);
+    ASSERT_FALSE(a->BuildModel(src).IsError());
+    GZLScoreStats scores;
+    const int mask = multinomial ? 0x1 | 0x2 | 0x4 | 0x8 | 0x1000 | 0x2000 | 0x4000 : 0xFFFF;
+    Record first(rows[0].data(), rows[0].size());
+    ASSERT_TRUE(a->Score(first, scores, &mask).IsOK());  // creates and primes the engine
+    EXPECT_EQ(scores.GetMEANPREDNOMINAL().size(), multinomial ? 3u : 0u);
+    const long before = gAllocations;
+    for (const auto& r : rows) {
+      const Record record(r.data(), r.size());
+      EXPECT_TRUE(a->Score(record, scores, &mask).IsOK());
+    }
+    EXPECT_EQ(gAllocations - before, 0);
   }
-  EXPECT_EQ(gAllocations - before, 0);
 }
 
 namespace {

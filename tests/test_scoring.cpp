@@ -4,6 +4,7 @@
 // events/trials outputs, refits, and the per-category tie rule.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "GZLFactory.h"
+#include "GZLOutputStats.h"
 #include "GZLScoreStats.h"
 #include "GZLSettings.h"
 #include "data/GZLAlgorithm.h"
@@ -21,6 +23,7 @@
 #include "estimation/GZLOptimizer.h"
 #include "inference/GZLScoringEngine.h"
 #include "output_reference_models.h"
+#include "support/ITQLinkFunc.h"
 #include "support/TQDisplay_940.h"
 #include "support/TQSymMatrix.h"
 
@@ -66,7 +69,7 @@ TEST(Scoring, ReferenceCases) {
   std::vector<std::string> files;
   for (const auto& e : std::filesystem::directory_iterator(kScoringDir + "/expected")) files.push_back(e.path());
   std::sort(files.begin(), files.end());
-  ASSERT_EQ(files.size(), 8u);
+  ASSERT_EQ(files.size(), 9u);
   for (const std::string& file : files) {
     auto c = output_test::LoadCase(file, 1e-12);
     SCOPED_TRACE(c->name);
@@ -124,7 +127,19 @@ TEST(Scoring, ReferenceCases) {
         EXPECT_TRUE(TQMV::IsMissing(got.GetCATPRED()));
       else
         EXPECT_EQ(got.GetCATPRED(), r["CATPRED"].get<double>());
-      EXPECT_TRUE(got.GetXBPREDNOMINAL().empty() && got.GetMEANPREDNOMINAL().empty());
+      // The per-category lists (null: empty); single responses have none.
+      const std::vector<std::pair<const char*, const std::vector<double>&>> lists{
+          {"XBPREDNOMINAL", got.GetXBPREDNOMINAL()},
+          {"XBSTDERRORNOMINAL", got.GetXBSTDERRORNOMINAL()},
+          {"MEANPREDNOMINAL", got.GetMEANPREDNOMINAL()}};
+      for (const auto& [key, list] : lists) {
+        const nlohmann::json expected = r.value(key, nlohmann::json());
+        ASSERT_EQ(list.size(), expected.is_null() ? 0u : expected.size()) << key;
+        for (std::size_t k = 0; k < list.size(); ++k) ExpectClose(expected[k], list[k], key + std::to_string(k));
+      }
+      if (!r.contains("MEANPREDNOMINAL")) {
+        EXPECT_TRUE(got.GetCIMEANPREDNOMINAL().empty());
+      }
     }
   }
 }
@@ -449,4 +464,150 @@ TEST(Scoring, CategoryTiesAndDisplay) {
   EXPECT_EQ(text.rfind("GZLScoreStats display start", 0), 0u);
   EXPECT_NE(text.find("1.5"), std::string::npos);
   EXPECT_NE(text.find("GZLScoreStats display end"), std::string::npos);
+}
+
+TEST(Scoring, MultinomialListsByHand) {
+  // Fitted ordinal and nominal models score their own records: the scores' probabilities give
+  // back the fit's log-likelihood (so they are the fitted probabilities, the offset included),
+  // sum to one and follow from the listed predictors; the predicted category is the most
+  // probable; a record at the reference levels has the thresholds (intercepts) as predictors
+  // with their standard errors.
+  const int mask = E::ScoreXBPRED | E::ScoreXBSTDERROR | E::ScoreMEANPRED | E::ScoreCIMEANPRED | E::ScoreCATPRED |
+                   E::ScoreConf1 | E::ScoreConf2;
+  const std::string dir = std::string(GZL_TEST_DATA_DIR) + "/multinomial";
+  for (const std::string name : {"housing_cumlogit_freq", "sim_cumcloglog_offset_newton", "housing_nominal_type_reflast",
+                                 "sim_nominal_factor_by_covariate_reffirst"}) {
+    SCOPED_TRACE(name);
+    auto c = output_test::LoadCase(dir + "/expected/" + name + ".json", 1e-12, dir + "/data");
+    ASSERT_TRUE(c->ok) << c->problem;
+    c->settings.SetTestType(TQConst::TestType2);
+    auto a = Fit(c->settings, *c->source);
+    ASSERT_TRUE(a && a->IsModelBuilt());
+    const bool ordinal = c->settings.GetDistType() == TQConst::DistOrdinalMultinomial;
+    const std::vector<int>& order = a->GetDependCategories();
+    const std::size_t K = order.size();
+    std::unique_ptr<ITQLinkFunc> F(CreateLinkFunction(c->settings.GetLinkType(), c->settings.GetLinkParam()));
+
+    std::vector<TQStatus> statuses;
+    std::vector<GZLScoreStats> scores;
+    ScoreAll(*a, *c->source, &mask, statuses, scores);
+    const int y = c->source->Column(c->model["response"]);
+    const int fw = c->model.contains("freq_weight") ? c->source->Column(c->model["freq_weight"]) : -1;
+    double loglik = 0.0;
+    c->source->Rewind();
+    for (std::size_t i = 0; i < scores.size(); ++i) {
+      const Record& record = *c->source->NextRecord();
+      ASSERT_TRUE(statuses[i].IsOK());
+      const GZLScoreStats& s = scores[i];
+      const std::vector<double>& xb = s.GetXBPREDNOMINAL();
+      const std::vector<double>& pi = s.GetMEANPREDNOMINAL();
+      ASSERT_EQ(xb.size(), K - 1);
+      ASSERT_EQ(s.GetXBSTDERRORNOMINAL().size(), K - 1);
+      ASSERT_EQ(pi.size(), K);
+      ASSERT_EQ(s.GetCIMEANPREDNOMINAL().size(), K);
+      const std::size_t observed = std::find(order.begin(), order.end(), static_cast<int>(record[y])) - order.begin();
+      ASSERT_LT(observed, K);
+      loglik += (fw < 0 ? 1.0 : record[fw]) * std::log(pi[observed]);
+      double sum = 0.0, cumulative = 0.0, expSum = 1.0;
+      for (double e : xb) expSum += std::exp(e);
+      for (std::size_t k = 0; k < K; ++k) {
+        sum += pi[k];
+        // Ordinal: the cumulative probabilities are F of the predictors; nominal: the softmax
+        // of the predictors, the reference's being 0.
+        cumulative += pi[k];
+        if (ordinal && k + 1 < K) {
+          EXPECT_NEAR(cumulative, F->GetMu(xb[k], nullptr), 1e-12);
+        } else if (!ordinal) {
+          EXPECT_NEAR(pi[k], (k + 1 < K ? std::exp(xb[k]) : 1.0) / expSum, 1e-12);
+        }
+        const auto& [lower, upper] = s.GetCIMEANPREDNOMINAL()[k];
+        EXPECT_TRUE(lower <= pi[k] && pi[k] <= upper && lower >= 0.0 && upper <= 1.0) << k;
+      }
+      EXPECT_NEAR(sum, 1.0, 1e-12);
+      const std::size_t best = std::max_element(pi.begin(), pi.end()) - pi.begin();
+      EXPECT_EQ(s.GetCATPRED(), order[best]);
+      EXPECT_EQ(s.GetConf1(), pi[best]);
+      std::vector<double> sorted = pi;
+      std::sort(sorted.rbegin(), sorted.rend());
+      EXPECT_NEAR(s.GetConf2(), sorted[0] - sorted[1], 1e-15);
+    }
+    output_test::ExpectRel(c->expected["loglik"].get<double>(), loglik, "log-likelihood of the scores");
+
+    // A record at the last level of every factor, with covariates and offset 0.
+    const GZLOutputStats* stats = nullptr;
+    ASSERT_TRUE(a->GetOutputStats(stats).IsOK());
+    std::vector<double> values(c->source->Names().size(), 0.0);
+    for (int f : c->settings.GetFactors()) values[static_cast<std::size_t>(f)] = c->source->Levels(f) - 1;
+    GZLScoreStats s;
+    ASSERT_TRUE(a->Score(Record(values.data(), values.size()), s, &mask).IsOK());
+    const std::size_t block = ordinal ? 1 : stats->GetParamEstimates().size() / (K - 1);
+    for (std::size_t j = 0; j + 1 < K; ++j) {
+      const std::size_t at = j * block;
+      EXPECT_NEAR(s.GetXBPREDNOMINAL()[j], stats->GetParamEstimates()[at], 1e-12);
+      EXPECT_NEAR(s.GetXBSTDERRORNOMINAL()[j], std::sqrt(stats->GetCovarianceMatrix()(static_cast<int>(at), static_cast<int>(at))), 1e-12);
+    }
+    // A factor category never fitted, and a covariate the row cannot hold.
+    values[static_cast<std::size_t>(c->settings.GetFactors()[0])] = c->source->Levels(c->settings.GetFactors()[0]);
+    EXPECT_EQ(a->Score(Record(values.data(), values.size()), s, &mask).GetErrorCode(), GZLStatusCode::CaseWithUnusedCategory);
+    EXPECT_TRUE(s.GetMEANPREDNOMINAL().empty() && TQMV::IsMissing(s.GetCATPRED()));
+    if (!c->settings.GetCovariates().empty()) {
+      values[static_cast<std::size_t>(c->settings.GetFactors()[0])] = 0;
+      values[static_cast<std::size_t>(c->settings.GetCovariates()[0])] = INFINITY;
+      EXPECT_EQ(a->Score(Record(values.data(), values.size()), s, &mask).GetErrorCode(), GZLStatusCode::ScoringFailed);
+      EXPECT_TRUE(s.GetXBPREDNOMINAL().empty() && s.GetMEANPREDNOMINAL().empty() && TQMV::IsMissing(s.GetCATPRED()));
+    }
+  }
+}
+
+TEST(Scoring, MultinomialIntervalsFollowTheDeltaMethod) {
+  // The interval of a category probability is expit(logit(pi) -/+ q se(pi) / (pi (1 - pi))),
+  // se(pi)^2 = g'Cg with g the gradient of pi in the parameters: here g by central differences
+  // through the engine itself, at the fitted estimates and covariance.
+  const std::string dir = std::string(GZL_TEST_DATA_DIR) + "/multinomial";
+  const double q = 1.959963984540054, h = 1e-6;
+  for (const std::string name : {"sim_cumcloglog_offset_newton", "sim_nominal_factor_by_covariate_reffirst"}) {
+    SCOPED_TRACE(name);
+    auto c = output_test::LoadCase(dir + "/expected/" + name + ".json", 1e-12, dir + "/data");
+    c->settings.SetTestType(TQConst::TestType2);
+    auto a = Fit(c->settings, *c->source);
+    ASSERT_TRUE(a && a->IsModelBuilt());
+    const GZLOutputStats* stats = nullptr;
+    ASSERT_TRUE(a->GetOutputStats(stats).IsOK());
+    EngineOn e(c->settings, *c->source, stats->GetParamEstimates());
+    e.covariance = stats->GetCovarianceMatrix();
+    e.fit.fFitCount = 1;
+    e.engine->SetFit(e.fit);
+    ASSERT_TRUE(e.engine->SetScoreType(E::ScoreMEANPRED | E::ScoreCIMEANPRED).IsOK());
+    const int P = static_cast<int>(e.estimates.size());
+    for (std::vector<double> values : {std::vector<double>{1, 2, -0.7, 1, 0.2}, std::vector<double>{0, 1, 0.4, 0, -0.5}}) {
+      values.resize(c->source->Names().size());
+      GZLScoreStats s, up, down;
+      ASSERT_TRUE(e.Score(values, s).IsOK());
+      const std::size_t K = s.GetMEANPREDNOMINAL().size();
+      ASSERT_GE(K, 3u);
+      std::vector<std::vector<double>> g(K, std::vector<double>(static_cast<std::size_t>(P)));
+      for (int j = 0; j < P; ++j) {
+        const double at = e.estimates[static_cast<std::size_t>(j)];
+        e.estimates[static_cast<std::size_t>(j)] = at + h;
+        e.engine->SetFit(e.fit);
+        ASSERT_TRUE(e.Score(values, up).IsOK());
+        e.estimates[static_cast<std::size_t>(j)] = at - h;
+        e.engine->SetFit(e.fit);
+        ASSERT_TRUE(e.Score(values, down).IsOK());
+        e.estimates[static_cast<std::size_t>(j)] = at;
+        for (std::size_t k = 0; k < K; ++k)
+          g[k][static_cast<std::size_t>(j)] = (up.GetMEANPREDNOMINAL()[k] - down.GetMEANPREDNOMINAL()[k]) / (2 * h);
+      }
+      e.engine->SetFit(e.fit);
+      for (std::size_t k = 0; k < K; ++k) {
+        double v = 0.0;
+        for (int i = 0; i < P; ++i)
+          for (int j = 0; j < P; ++j) v += g[k][static_cast<std::size_t>(i)] * e.covariance(i, j) * g[k][static_cast<std::size_t>(j)];
+        const double p = s.GetMEANPREDNOMINAL()[k], d = q * std::sqrt(v) / (p * (1 - p));
+        const double logit = std::log(p / (1 - p));
+        EXPECT_NEAR(s.GetCIMEANPREDNOMINAL()[k].first, 1 / (1 + std::exp(-(logit - d))), 1e-8) << k;
+        EXPECT_NEAR(s.GetCIMEANPREDNOMINAL()[k].second, 1 / (1 + std::exp(-(logit + d))), 1e-8) << k;
+      }
+    }
+  }
 }

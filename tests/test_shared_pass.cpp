@@ -210,6 +210,19 @@ TEST(SharedPass, GivesTheSumsOfOneThread) {
         EXPECT_LT(RelDiff(alone.GetGradient()[j], shared.GetGradient()[j]), 1e-11) << j;
       EXPECT_LT(MaxRelDiff(alone.GetHessian(), shared.GetHessian()), 1e-12);
     }
+    // The design's cross-products (the hypotheses of the tests of effects, a multinomial fit's
+    // starting redundancy) too.
+    const bool leadingOne = c.dist == TQConst::DistOrdinalMultinomial;
+    TQSymMatrix xxAlone, xxShared;
+    TQStatus x1, x2;
+    alone.ComputeCrossProducts(x1, xxAlone, leadingOne);
+    shared.ComputeCrossProducts(x2, xxShared, leadingOne);
+    ASSERT_TRUE(x1.IsOK() && x2.IsOK());
+    if (twoCores) {
+      EXPECT_TRUE(shared.WasLastPassParallel());
+    }
+    EXPECT_EQ(xxAlone.GetNumRows(), alone.GetRowWidth() + (leadingOne ? 1 : 0));
+    EXPECT_LT(MaxRelDiff(xxAlone, xxShared), 1e-12);
     // The same shared pass twice gives the same sums to the last bit: which thread takes which
     // records does not depend on timing.
     TQStatus b1, b2;

@@ -149,3 +149,57 @@ TEST(ToolMultinomial, OptionsThatDoNotApply) {
   o.scaleMethod = GZLConst_940::ScaleMLE;
   EXPECT_NE(failure(o).find("cannot be estimated by maximum likelihood"), std::string::npos);
 }
+
+// Tests of effects and profile intervals of both kinds of response: a nominal effect is tested
+// over all logits (df: its columns times the logits; its likelihood-ratio statistic is what the
+// fit without it loses), the ordinal thresholds come first, the profile limits of every
+// parameter surround its estimate, and the text says how a nominal model's tests read.
+TEST(ToolMultinomial, EffectTestsAndProfileIntervals) {
+  FitOptions o = Options("housing.csv", "Type", TQConst::DistNominalMultinomial);
+  o.factors = {"Infl", "Cont"};
+  o.effects = "Infl Cont";
+  o.frequencyWeight = "Freq";
+  o.referenceCategory = "Tower";
+  o.effectTests = TQConst::EffectTypeIAndIII;
+  o.effectStatistic = GZLConst_940::EffectStatLR;
+  o.ciType = GZLConst_940::Profile;
+  o.refitTolerance = 1e-10;
+  const json doc = RunJson(o);
+  ASSERT_EQ(doc["lr_type3"].size(), 3u);
+  ASSERT_EQ(doc["wald_type3"].size(), 3u);
+  EXPECT_EQ(doc["lr_type3"][1]["term"], "Infl");
+  EXPECT_EQ(doc["lr_type3"][1]["df"], 6);
+  EXPECT_EQ(doc["wald_type3"][2]["df"], 3);
+  FitOptions reduced = o;
+  reduced.effects = "Infl";
+  reduced.effectTests.reset();
+  reduced.ciType.reset();
+  const json without = RunJson(reduced);
+  ExpectRel(doc["lr_type3"][2]["chisq"], json(2.0 * (doc["loglik"].get<double>() - without["loglik"].get<double>())),
+            "LR chi-square of Cont");
+  ASSERT_EQ(doc["profile_ci"].size(), 18u);
+  for (const json& p : doc["profile_ci"]) {
+    EXPECT_TRUE(p.contains("logit"));
+    if (p["redundant"].get<bool>()) continue;
+    EXPECT_LT(p["lower"].get<double>(), p["estimate"].get<double>());
+    EXPECT_GT(p["upper"].get<double>(), p["estimate"].get<double>());
+  }
+  std::string out, err;
+  o.json = false;
+  ASSERT_EQ(RunCommand(o, out, err), 0) << err;
+  EXPECT_NE(out.find("Each test covers all logits at once"), std::string::npos);
+
+  FitOptions ord = Options("wine.csv", "rating", TQConst::DistOrdinalMultinomial);
+  ord.factors = {"temp", "contact"};
+  ord.effectTests = TQConst::EffectTypeI;
+  ord.effectStatistic = GZLConst_940::EffectStatLR;
+  ord.ciType = GZLConst_940::Profile;
+  const json od = RunJson(ord);
+  ASSERT_EQ(od["lr_type1"].size(), 3u);
+  EXPECT_EQ(od["wald_type1"][0]["term"], "(Thresholds)");
+  EXPECT_EQ(od["lr_type1"][2]["df"], 1);
+  EXPECT_EQ(od["profile_ci"][0]["kind"], "threshold");
+  EXPECT_LT(od["profile_ci"][0]["lower"].get<double>(), od["profile_ci"][0]["estimate"].get<double>());
+  ASSERT_EQ(RunCommand(ord, out, err), 0) << err;
+  EXPECT_EQ(out.find("Each test covers all logits"), std::string::npos);
+}

@@ -151,6 +151,7 @@ void GatherEffectTests(const FitOptions& o, const std::vector<ModelTerm>& terms,
   report.typeIII = type == TQConst::EffectTypeIII || type == TQConst::EffectTypeIAndIII;
   if (report.typeI) report.type1 = RowsOf(o, terms, stats.GetTypeITestStats());
   if (report.typeIII) report.type3 = RowsOf(o, terms, stats.GetTypeIIITestStats());
+  report.nominal = o.distribution == TQConst::DistNominalMultinomial;
   report.likelihoodRatio = o.effectStatistic == GZLConst_940::EffectStatLR;
   if (!report.likelihoodRatio) return;
   if (report.typeI) report.lr1 = LRRowsOf(o, terms, stats.GetTypeILRStats(), stats.GetTypeILRStatusEff());
@@ -165,16 +166,19 @@ void WriteEffectTestsText(std::ostream& out, const EffectTestsReport& report) {
     if (report.typeIII)
       WriteLRTable(out, "\nTests of model effects (likelihood ratio, type III: each effect adjusted for all others)",
                    report.lr3);
-    return;
+  } else {
+    if (report.typeI) {
+      WriteTable(out, "\nTests of model effects (Wald, type I: each effect after those above it)", report.type1,
+                 "every column of the effect is aliased with the effects above it");
+    }
+    if (report.typeIII) {
+      WriteTable(out, "\nTests of model effects (Wald, type III: each effect adjusted for all others)", report.type3,
+                 "no column of the effect is estimable apart from the effects that do not contain it");
+    }
   }
-  if (report.typeI) {
-    WriteTable(out, "\nTests of model effects (Wald, type I: each effect after those above it)", report.type1,
-               "every column of the effect is aliased with the effects above it");
-  }
-  if (report.typeIII) {
-    WriteTable(out, "\nTests of model effects (Wald, type III: each effect adjusted for all others)", report.type3,
-               "no column of the effect is estimable apart from the effects that do not contain it");
-  }
+  if (report.nominal && (report.typeI || report.typeIII))
+    out << "  Each test covers all logits at once: the effect's hypothesis holds for every response category\n"
+           "  against the reference (df: the effect's columns times the number of logits).\n";
 }
 
 void WriteEffectTestsJson(JsonWriter& json, const EffectTestsReport& report) {

@@ -33,6 +33,8 @@ struct EffectTestsReport {
   bool typeI = false;
   bool typeIII = false;
   bool likelihoodRatio = false;
+  // A nominal response: each effect is tested over all logits at once.
+  bool nominal = false;
   std::vector<EffectTestRow> type1;
   std::vector<EffectTestRow> type3;
   std::vector<LRTestRow> lr1;

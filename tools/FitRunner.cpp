@@ -809,17 +809,26 @@ void JsonProfileExtra(JsonWriter& json, const char* key, const std::optional<Par
   json.EndObject();
 }
 
+// A nominal parameter's logit: its response category's code and label.
+void JsonLogit(JsonWriter& json, const ParameterRow& row) {
+  if (row.target.empty()) return;
+  json.Member("logit", row.targetCode);
+  json.Member("response_category", row.target);
+}
+
 void JsonProfileIntervals(JsonWriter& json, const FitReport& r) {
   json.Key("profile_ci");
   json.BeginArray();
   for (const auto& row : r.parameters) {
     json.BeginObject();
     json.Member("term", row.name);
+    json.Member("kind", row.kind);
     json.Member("effect", row.effectIndex);
     json.Key("categories");
     json.BeginArray();
     for (int c : row.categories) json.Integer(c);
     json.EndArray();
+    JsonLogit(json, row);
     json.Member("redundant", row.stats.IsRedundant());
     json.Member("estimate", row.stats.GetEstimate());
     json.Member("lower", row.stats.IsRedundant() ? TQMV::Missing : row.stats.GetLowerBound());
@@ -980,10 +989,7 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
       for (const auto& [variable, power] : row.covariates) json.Member(variable, power);
       json.EndObject();
     }
-    if (!row.target.empty()) {
-      json.Member("logit", row.targetCode);
-      json.Member("response_category", row.target);
-    }
+    JsonLogit(json, row);
     json.Member("redundant", row.stats.IsRedundant());
     JsonStats(json, row.stats, true, r.profile);
     if (r.gee.present) {
