@@ -171,8 +171,7 @@ TEST(ToolScores, OutputNamesMasksAndChecks) {
                                       "CIMEANPREDNOMINAL_mid_UPPER", "CIMEANPREDNOMINAL_high_LOWER",
                                       "CIMEANPREDNOMINAL_high_UPPER", "CATPRED"}));
 
-  // An ordinal response through the command: one column per category of each list (the engine
-  // may leave them empty, with a status), whatever it fills today.
+  // An ordinal response through the command: one column per category of each list.
   {
     FitOptions o;
     o.dataPath = kData + "/../../examples/wine.csv";
@@ -189,7 +188,16 @@ TEST(ToolScores, OutputNamesMasksAndChecks) {
                                                 "XBPREDNOMINAL_4", "MEANPREDNOMINAL_1", "MEANPREDNOMINAL_2",
                                                 "MEANPREDNOMINAL_3", "MEANPREDNOMINAL_4", "MEANPREDNOMINAL_5",
                                                 "CATPRED"}));
-    for (const auto& row : rows) EXPECT_EQ(row.size(), rows[0].size());
+    for (std::size_t i = 1; i < rows.size(); ++i) {
+      const auto& row = rows[i];
+      ASSERT_EQ(row.size(), rows[0].size());
+      EXPECT_EQ(row[4], "0");
+      double total = 0.0;
+      for (std::size_t c = 9; c < 14; ++c) total += std::stod(row[c]);
+      EXPECT_NEAR(total, 1.0, 1e-12);
+      // The predicted category by its label.
+      EXPECT_TRUE(row[14] >= "1" && row[14] <= "5" && row[14].size() == 1) << row[14];
+    }
     std::filesystem::remove(o.savePath);
   }
 

@@ -170,6 +170,9 @@ void WriteList(CsvOut& out, const std::vector<double>& values, std::size_t colum
 // How the outputs of a mask are written, decided once before the records.
 struct ScoreLayout {
   TQQueryCancel* cancel = nullptr;
+  // Labels of a categorical response's categories by code: the predicted category is written
+  // as its label. Empty for other responses.
+  std::vector<std::string> responseLabels;
   GZLConst_940::ModelType modelType = GZLConst_940::GZLM;
   int mask = 0;
   bool multinomial = false;
@@ -206,10 +209,18 @@ void WriteScores(CsvOut& out, const ScoreLayout& layout, const GZLScoreStats& s)
       {0x40, &GZLScoreStats::GetPEARSONRESID},     {0x80, &GZLScoreStats::GetDEVIANCERESID},
       {0x100, &GZLScoreStats::GetSTDPEARSONRESID}, {0x200, &GZLScoreStats::GetSTDDEVIANCERESID},
       {0x400, &GZLScoreStats::GetLIKELIHOODRESID}, {0x800, &GZLScoreStats::GetCOOK},
-      {0x1000, &GZLScoreStats::GetCATPRED},        {0x2000, &GZLScoreStats::GetConf1},
+      {0x1000, &GZLScoreStats::GetCATPRED},
+      {0x2000, &GZLScoreStats::GetConf1},
       {0x4000, &GZLScoreStats::GetConf2},          {0x8000, &GZLScoreStats::GetRawPropensity}};
-  for (const auto& [bit, get] : kScalars)
-    if (m & bit) out.Number((s.*get)());
+  for (const auto& [bit, get] : kScalars) {
+    if (!(m & bit)) continue;
+    const double value = (s.*get)();
+    const auto code = static_cast<std::size_t>(value);
+    if (bit == 0x1000 && !TQMV::IsMissing(value) && value >= 0.0 && code < layout.responseLabels.size())
+      out.Field(layout.responseLabels[code]);
+    else
+      out.Number(value);
+  }
 }
 
 // Factor codes of a second file, which its own read numbered, translated to the fitted file's
@@ -426,6 +437,7 @@ bool WriteScoreFiles(const FitOptions& o, const CsvTable& table, const GZLSettin
   if (!ScoreMask(o.scoreOutputs, s, layout.mask, error)) return false;
   layout.multinomial = IsMultinomial(s);
   layout.cancel = s.GetCancelPointer();
+  if (ResponseIsCategorical(o)) layout.responseLabels = table.Column(static_cast<std::size_t>(table.ColumnIndex(o.response))).labels;
   layout.modelType = s.IsModelGEE() ? GZLConst_940::GEE : GZLConst_940::GZLM;
   std::vector<std::string> categories;
   if (layout.multinomial) {
