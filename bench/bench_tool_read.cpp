@@ -1,16 +1,19 @@
 // The data path of `gzl fit` on the 1,000,000-record file of bench_csv.h (about 100 MB): the read
 // of the CSV file into the record cache (on one thread and on one per core), one pass of the
-// engine's record source over the cache, and the sorted copy that subject-wise fits read. The
+// engine's record source over the cache, the sorted copy that subject-wise fits read, and the
+// whole command with and without a file of record scores. The
 // file is written once to the temporary directory, outside the timing, and removed at the end.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "bench_csv.h"
 #include "tools/CsvTable.h"
+#include "tools/FitCommand.h"
 #include "tools/RecordCache.h"
 
 namespace {
@@ -89,8 +92,28 @@ void BM_SortedCopy(benchmark::State& state) {
   state.counters["records/s"] = benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate);
 }
 
+// The whole command on the file, a Poisson fit of y on a, b and x1..x10: without scores
+// (argument 0), and with --save writing every record with its status and the default outputs
+// (argument 1); the difference is the cost of the scores file.
+void BM_FitCommand(benchmark::State& state) {
+  FitOptions o;
+  o.dataPath = Path();
+  o.response = std::string("y");
+  o.distribution = TQConst::DistPoisson;
+  o.factors = {"a", "b"};
+  o.covariates = {"x1", "x2", "x3", "x4", "x5", "x6", "x7", "x8", "x9", "x10"};
+  if (state.range(0) == 1) o.savePath = Path() + ".scores.csv";
+  for (auto _ : state) {
+    std::ostringstream out, err;
+    if (RunFitCommand(o, {}, out, err) != 0) state.SkipWithError(err.str().c_str());
+  }
+  if (!o.savePath.empty()) std::remove(o.savePath.c_str());
+  state.counters["records/s"] = benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate);
+}
+
 }  // namespace
 
+BENCHMARK(BM_FitCommand)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime()->Arg(0)->Arg(1);
 BENCHMARK(BM_ReadCsv)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime()->Arg(1)->Arg(0);
 BENCHMARK(BM_CachePass)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();
 BENCHMARK(BM_SortedCopy)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();

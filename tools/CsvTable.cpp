@@ -518,13 +518,14 @@ class CsvTableBuilder {
         }
         continue;
       }
-      const auto found = std::find(header.begin(), header.end(), request.name);
+      const std::string& name = request.HeaderName();
+      const auto found = std::find(header.begin(), header.end(), name);
       if (found == header.end()) {
-        error = "unknown column '" + request.name + "' (the header has: " + JoinNames(header) + ")";
+        error = "unknown column '" + name + "' (the header has: " + JoinNames(header) + ")";
         return false;
       }
-      if (std::find(found + 1, header.end(), request.name) != header.end()) {
-        error = "column name '" + request.name + "' appears more than once in the header";
+      if (std::find(found + 1, header.end(), name) != header.end()) {
+        error = "column name '" + name + "' appears more than once in the header";
         return false;
       }
       const bool isFactor = request.kind == CsvColumnKind::Factor;

@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "GZLProgress.h"
@@ -24,8 +25,17 @@
 enum class CsvColumnKind { Numeric, Factor };
 
 struct CsvColumnRequest {
+  CsvColumnRequest() = default;
+  CsvColumnRequest(std::string name, CsvColumnKind kind = CsvColumnKind::Numeric, std::string header = {})
+      : name(std::move(name)), kind(kind), header(std::move(header)) {}
+
   std::string name;
   CsvColumnKind kind = CsvColumnKind::Numeric;
+  // The header name of the file's column when it differs from name, so that one column of the
+  // file can be kept twice: as numbers and as categories.
+  std::string header;
+
+  const std::string& HeaderName() const noexcept { return header.empty() ? name : header; }
 };
 
 struct CsvColumn {

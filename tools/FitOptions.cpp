@@ -4,7 +4,9 @@
 #include <array>
 
 #include "tools/Emmeans.h"
+#include "tools/GeeModel.h"
 #include "tools/ModelSpec.h"
+#include "tools/ScoreFile.h"
 
 namespace {
 
@@ -104,6 +106,11 @@ constexpr std::array kEffectStatisticNames{
 constexpr std::array kCITypeNames{
     FitOptionName{"wald", GZLConst_940::Wald},
     FitOptionName{"profile", GZLConst_940::Profile},
+};
+
+constexpr std::array kCovarianceNames{
+    FitOptionName{"robust", TQConst::CovbRobust},
+    FitOptionName{"model", TQConst::CovbModelBased},
 };
 
 bool IsMultinomial(TQConst::DistType d) {
@@ -296,6 +303,7 @@ std::span<const FitOptionName> EmmeansAdjustNames() { return kEmmeansAdjustNames
 std::span<const FitOptionName> EmmeansTestNames() { return kEmmeansTestNames; }
 std::span<const FitOptionName> EffectStatisticNames() { return kEffectStatisticNames; }
 std::span<const FitOptionName> CITypeNames() { return kCITypeNames; }
+std::span<const FitOptionName> CovarianceNames() { return kCovarianceNames; }
 
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value) {
   const auto it = std::find_if(names.begin(), names.end(), [value](const FitOptionName& n) { return n.value == value; });
@@ -339,7 +347,8 @@ bool CheckFitOptions(const FitOptions& options, std::string& error) {
   return CheckResponse(options, error) && CheckDistributionAndLink(options, error) &&
          CheckDistributionParameter(options, error) && CheckScale(options, error) &&
          CheckControls(options, error) && ValidateVariableLists(options.factors, options.covariates, error) &&
-         CheckRoles(options, error) && CheckEmmeansOptions(options, error);
+         CheckRoles(options, error) && CheckEmmeansOptions(options, error) && CheckGeeOptions(options, error) &&
+         CheckScoreOptions(options, error);
 }
 
 std::vector<CsvColumnRequest> FitColumnRequests(const FitOptions& options) {
@@ -357,6 +366,17 @@ std::vector<CsvColumnRequest> FitColumnRequests(const FitOptions& options) {
   add(options.offsetVariable, CsvColumnKind::Numeric);
   add(options.frequencyWeight, CsvColumnKind::Numeric);
   add(options.scaleWeight, CsvColumnKind::Numeric);
+  // Subject and within-subject variables key the records by category.
+  for (const auto* list : {&options.subjects, &options.within}) {
+    for (const auto& name : *list) {
+      const std::string column = GroupingColumn(options, name);
+      if (column == name) {
+        add(name, CsvColumnKind::Factor);
+      } else if (std::none_of(requests.begin(), requests.end(), [&](const auto& r) { return r.name == column; })) {
+        requests.push_back({column, CsvColumnKind::Factor, name});
+      }
+    }
+  }
   return requests;
 }
 

@@ -101,6 +101,33 @@ struct FitOptions {
   std::optional<TQConst::TQTestType> emmeansTest;
   // A PMML document of the fitted model goes to this file when it is not empty.
   std::string pmmlPath;
+
+  // Generalized estimating equations: a GEE model is fitted when subject variables are given.
+  // A subject is a run of records with equal values of every subject variable (or, with
+  // sortSubjects, every record with those values: the records are then read sorted by subject
+  // and within-subject values). Within-subject variables give each record its position in the
+  // working correlation; without them the position is the record's place in its subject.
+  std::vector<std::string> subjects;
+  std::vector<std::string> within;
+  bool sortSubjects = false;
+  std::optional<GZLConst_940::CorrType> corrType;
+  double corrM = 1.0;    // m of the m-dependent structure
+  std::string corrFile;  // the values of the fixed structure
+  std::optional<bool> adjustCorr;
+  std::optional<int> updateCorr;
+  std::optional<TQConst::TQCovbType> covariance;
+  std::optional<int> geeMaxIterations;
+  std::optional<double> geeParamTolerance;
+  std::optional<TQConst::TQConvType> geeParamConvType;
+  std::optional<double> geeHessianTolerance;
+
+  // Scores of every record of the data file go to savePath (a CSV file: the input columns, the
+  // status, then the chosen outputs); the records of scoreDataPath, scored with the fitted model,
+  // go to scoreOutputPath. scoreOutputs names the outputs (empty: the default set).
+  std::string savePath;
+  std::vector<std::string> scoreOutputs;
+  std::string scoreDataPath;
+  std::string scoreOutputPath;
 };
 
 // Names accepted on the command line for an enumerated choice; the first name of each value is
@@ -122,6 +149,7 @@ std::span<const FitOptionName> EmmeansAdjustNames();
 std::span<const FitOptionName> EmmeansTestNames();
 std::span<const FitOptionName> EffectStatisticNames();
 std::span<const FitOptionName> CITypeNames();
+std::span<const FitOptionName> CovarianceNames();
 // The output name of a value, "unknown" when the table has none.
 const char* FitOptionLabel(std::span<const FitOptionName> names, int value);
 
@@ -141,7 +169,8 @@ bool ResponseIsCategorical(const FitOptions& options);
 bool CheckFitOptions(const FitOptions& options, std::string& error);
 
 // The data columns the model needs, each once, in this order: response (events), trials,
-// factors, covariates, offset, frequency weight, scale weight. A column's position in the
+// factors, covariates, offset, frequency weight, scale weight, subject and within-subject
+// variables. A column's position in the
 // resulting table is its field index in the records given to the engine.
 std::vector<CsvColumnRequest> FitColumnRequests(const FitOptions& options);
 

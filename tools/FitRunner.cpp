@@ -26,10 +26,12 @@
 #include "tools/EffectTests.h"
 #include "tools/Emmeans.h"
 #include "tools/FitControl.h"
+#include "tools/GeeModel.h"
 #include "tools/JsonWriter.h"
 #include "tools/PmmlFile.h"
 #include "tools/ModelInfo.h"
 #include "tools/RecordCache.h"
+#include "tools/ScoreFile.h"
 #include "tools/StatusText.h"
 #include "tools/TextTable.h"
 
@@ -224,7 +226,7 @@ bool BuildSettings(const FitOptions& o, const CsvTable& table, const std::vector
   s.SetGZLModelType(GZLConst_940::GZLM);
   if (!SetDistributionAndLink(o, s, error) || !SetResponse(o, table, s, error) ||
       !SetVariables(o, table, m, error) || !SetEffects(o, table, terms, m, error) || !SetControls(o, s, error) ||
-      !SetEmmeansSettings(o, table, s, error)) {
+      !SetEmmeansSettings(o, table, s, error) || !SetGeeSettings(o, table, s, error)) {
     return false;
   }
   const TQStatus status = s.IsValidSettings(true);
@@ -292,6 +294,7 @@ struct FitReport {
   double confidence = 0.95;
   EffectTestsReport effectTests;
   EmmeansReport emmeans;
+  GeeReport gee;
   // The parameters' intervals are profile likelihood intervals.
   bool profile = false;
   // The Lagrange multiplier test the model calls for ("scale", "k", "overdispersion"; empty
@@ -718,13 +721,15 @@ void WriteText(std::ostream& out, const FitReport& r) {
     TextTable table("\nGoodness of fit", {"Statistic", "Value", "df", "Value/df"},
                     {Align::Left, Align::Right, Align::Right, Align::Right});
     for (const auto& f : r.fit) {
+      // A GEE fit has no likelihood: only the Pearson statistics remain.
+      if (r.gee.present && TQMV::IsMissing(f.value)) continue;
       table.AddRow({f.label, Number(f.value), TQMV::IsMissing(f.df) ? "" : Number(f.df),
                     TQMV::IsMissing(f.perDf) ? "" : Number(f.perDf)});
     }
     table.Write(out);
   }
 
-  {
+  if (!r.gee.present) {
     TextTable table(r.intercept ? "\nOmnibus test (fitted model against the intercept-only model)"
                                 : "\nOmnibus test (fitted model against the model without parameters)",
                     {"Likelihood-ratio chi-square", "df", "Sig."}, {Align::Right, Align::Right, Align::Right});
@@ -735,6 +740,15 @@ void WriteText(std::ostream& out, const FitReport& r) {
   WriteEffectTestsText(out, r.effectTests);
 
   WriteParameterTables(out, r);
+  if (r.gee.present) {
+    std::vector<std::string> names;
+    std::vector<bool> redundant;
+    for (const auto& row : r.parameters) {
+      names.push_back(row.name);
+      redundant.push_back(row.stats.IsRedundant());
+    }
+    WriteGeeText(out, r.gee, names, redundant);
+  }
 
   if (!r.lmTest.empty()) {
     const bool directional = r.lmTest == "overdispersion";
@@ -863,6 +877,7 @@ void JsonHeadline(JsonWriter& json, const FitReport& r) {
   r.scale ? json.Number(r.scale->stats.GetEstimate()) : json.Null();
   json.Key("k");
   r.k ? json.Number(r.k->stats.GetEstimate()) : json.Null();
+  if (r.gee.present) WriteGeeJson(json, r.gee);
 }
 
 void WriteJson(JsonWriter& json, const FitReport& r) {
@@ -977,6 +992,11 @@ void WriteJson(JsonWriter& json, const FitReport& r) {
     JsonLogit(json, row);
     json.Member("redundant", row.stats.IsRedundant());
     JsonStats(json, row.stats, true, r.profile);
+    if (r.gee.present) {
+      const auto j = static_cast<std::size_t>(&row - r.parameters.data());
+      json.Member("se_robust", j < r.gee.seRobust.size() ? r.gee.seRobust[j] : TQMV::Missing);
+      json.Member("se_model", j < r.gee.seModel.size() ? r.gee.seModel[j] : TQMV::Missing);
+    }
     json.EndObject();
   }
   json.EndArray();
@@ -1028,8 +1048,9 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
 
   std::unique_ptr<IGZLAlgorithm> algorithm(GZLFactory::CreateAlgorithm(s, false));
   if (!algorithm) return Fail(error, "the engine refused the model settings");
-  if (!table.Records()) return Fail(error, "no data records");
-  CacheRecordSource source(*table.Records());
+  std::shared_ptr<const RecordCache> ordered;
+  if (!FitRecordOrder(s, table, ordered, error)) return false;
+  CacheRecordSource source(*ordered);
   const TQStatus status = algorithm->BuildModel(source);
   records.Finish();
   iterations.Finish();
@@ -1054,6 +1075,7 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   GatherEffectTests(o, terms, *stats, report.effectTests);
   GatherEmmeans(o, table, *stats, report.emmeans);
   GatherLagrangeMultiplierTest(o, s, *stats, report);
+  if (s.IsModelGEE()) GatherGee(o, table, s, *stats, report.gee);
   report.convergence = StoppingText(stats->GetEstimStopCriterion());
   report.iterations = iterations.LastIteration();
   AddWarnings(report.warnings, stats->GetBuildModelWarnings());
@@ -1063,6 +1085,7 @@ bool RunFitUnguarded(const FitOptions& o, const CsvTable& table, const std::vect
   if (status.IsWarning()) AddWarnings(report.warnings, {status});
 
   if (!o.pmmlPath.empty() && !WritePmmlFile(o.pmmlPath, *algorithm, s, table, error)) return false;
+  if (!WriteScoreFiles(o, table, s, *algorithm, *stats, error)) return false;
 
   // Written whole only once everything is gathered, so that a failure leaves no partial output.
   std::ostringstream text;

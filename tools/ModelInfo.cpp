@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "tools/GeeModel.h"
 #include "tools/TextTable.h"
 
 namespace {
@@ -128,6 +129,7 @@ void WriteModelInfoText(std::ostream& out, const FitOptions& o, const CsvTable& 
   if (o.offsetValue) info.AddRow({"Offset", FormatNumber(*o.offsetValue, 10)});
   if (!o.frequencyWeight.empty()) info.AddRow({"Frequency weight", o.frequencyWeight});
   if (!o.scaleWeight.empty()) info.AddRow({"Scale weight", o.scaleWeight});
+  for (const auto& [item, value] : GeeModelRows(o)) info.AddRow({item, value});
   info.Write(out);
 
   TextTable categorical("\nCategorical variables", {"Variable", "Role", "Levels", "Missing", "Categories"},
@@ -261,6 +263,7 @@ void WriteModelInfoJson(JsonWriter& json, const FitOptions& o, const CsvTable& t
   o.frequencyWeight.empty() ? json.Null() : json.String(o.frequencyWeight);
   json.Key("scale_weight");
   o.scaleWeight.empty() ? json.Null() : json.String(o.scaleWeight);
+  WriteGeeModelJson(json, o);
 
   json.Key("controls");
   json.BeginObject();

@@ -16,6 +16,7 @@
 #include "tools/FitControl.h"
 #include "tools/FitOptions.h"
 #include "tools/FitRunner.h"
+#include "tools/GeeModel.h"
 
 namespace {
 
@@ -137,6 +138,8 @@ struct CommandLineExtras {
   bool noIntercept = false;
   bool progress = false;
   bool quiet = false;
+  std::string correlation;
+  bool noCorrAdjust = false;
 };
 
 void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
@@ -288,6 +291,63 @@ void DefineFitCommand(CLI::App& fit, FitOptions& o, CommandLineExtras& x) {
   fit.add_option("--pmml", o.pmmlPath, "Write the fitted model as a PMML document to this file")
       ->type_name("FILE.xml")
       ->group(output);
+  const std::string gee = "Generalized estimating equations (a GEE model when subjects are given)";
+  AddNameList(fit, "--subject", o.subjects,
+              "Subject variables, comma-separated: a subject is a run of records with equal values of all of them")
+      ->group(gee);
+  AddNameList(fit, "--within", o.within,
+              "Within-subject variables, comma-separated: they give each record its position in the working "
+              "correlation (default: the record's place in its subject)")
+      ->group(gee);
+  fit.add_flag("--sort-subjects", o.sortSubjects,
+               "Sort the records by subject and within-subject values (a subject is then every record with its "
+               "values, wherever it stands)")
+      ->group(gee);
+  fit.add_option("--corr", x.correlation,
+                 "Working correlation: independent (default), exchangeable, ar1, mdep:M, unstructured, or fixed:FILE "
+                 "(the values below the diagonal row by row, or the whole matrix)")
+      ->type_name("STRUCTURE")
+      ->group(gee);
+  fit.add_flag("--no-corr-adjust", x.noCorrAdjust,
+               "Do not subtract the number of parameters in the denominators of the correlation and scale estimates")
+      ->group(gee);
+  AddOptional(fit, "--corr-update", o.updateCorr,
+              "Iterations between updates of the working correlation (default 1; 0: never updated)")
+      ->group(gee);
+  AddChoice(fit, "--covariance", o.covariance, CovarianceNames(),
+            "Covariance of the estimates used for inference: robust (sandwich, default) or model (model-based)")
+      ->group(gee);
+  AddOptional(fit, "--gee-max-iterations", o.geeMaxIterations, "Maximum number of GEE iterations (default 100)")
+      ->group(gee);
+  AddOptional(fit, "--gee-param-tolerance", o.geeParamTolerance,
+              "GEE parameter convergence tolerance (default 1e-6)")
+      ->group(gee);
+  AddChoice(fit, "--gee-param-convergence", o.geeParamConvType, ConvergenceTypeNames(),
+            "GEE parameter change measured as absolute (default) or relative")
+      ->group(gee);
+  AddOptional(fit, "--gee-hessian-tolerance", o.geeHessianTolerance, "GEE Hessian convergence tolerance (default 0: off)")
+      ->group(gee);
+
+  const std::string scores = "Scores of records";
+  fit.add_option("--save", o.savePath,
+                 "Write every record of the data file with its scoring status and the score outputs to this CSV file")
+      ->type_name("FILE.csv")
+      ->group(scores);
+  AddNameList(fit, "--score-outputs", o.scoreOutputs,
+              "Score outputs, comma-separated: XBPRED, XBSTDERROR, MEANPRED, CIMEANPRED, LEVERAGE, RESID, "
+              "PEARSONRESID, DEVIANCERESID, STDPEARSONRESID, STDDEVIANCERESID, LIKELIHOODRESID, COOK, CATPRED, "
+              "CONF1, CONF2, RAWPROPENSITY, or all (default: predictions, their interval and the raw and Pearson "
+              "residuals, with leverage, deviance residual and Cook's distance for a generalized linear model and the "
+              "predicted category of a binary response)")
+      ->type_name("OUTPUTS")
+      ->group(scores);
+  fit.add_option("--score-data", o.scoreDataPath, "Score the records of this CSV file (the data file's columns) with the fitted model")
+      ->type_name("FILE.csv")
+      ->group(scores);
+  fit.add_option("--score-output", o.scoreOutputPath, "Where the scores of --score-data go (a CSV file)")
+      ->type_name("FILE.csv")
+      ->group(scores);
+
   auto* progress = fit.add_flag("--progress", x.progress,
                                 "Report records read and iterations on stderr even when it is not a terminal")
                        ->group(output);
@@ -326,6 +386,8 @@ bool ApplyExtras(const CommandLineExtras& x, FitOptions& o, std::string& error) 
     return false;
   }
   o.intercept = !x.noIntercept;
+  if (!x.correlation.empty() && !ParseCorrelation(x.correlation, o, error)) return false;
+  if (x.noCorrAdjust) o.adjustCorr = false;
   return true;
 }
 
