@@ -247,7 +247,8 @@ TQStatus GZLSeqQuad::Estimate() {
       if (usable) {
         st = Pass(trial, ll, g, h);
         if (st.IsError()) break;
-        accepted = !TQMV::IsMissing(ll) && ll > fLogLikelihoodPrev;
+        // Estimating equations have no objective to climb: their Newton step is taken whole.
+        accepted = fbGEE || (!TQMV::IsMissing(ll) && ll > fLogLikelihoodPrev);
       }
       if (accepted || fNHalvingSteps >= maxHalvings) break;
       ++fNHalvingSteps;
@@ -284,7 +285,9 @@ TQStatus GZLSeqQuad::Estimate() {
     }
     const double tol = s.GetTolLogLikeTypeIandIII();
     bool met = true;
-    if (tol > 0.0) {
+    if (fbGEE) {
+      met = GEEStepConverged();
+    } else if (tol > 0.0) {
       double D = std::fabs(fLogLikelihood - fLogLikelihoodPrev);
       if (s.GetLConvergeTypeTypeIandIII() == TQConst::ConvRelative) D /= std::fabs(fLogLikelihoodPrev) + 1e-6;
       met = D < tol;
@@ -314,6 +317,21 @@ TQStatus GZLSeqQuad::Estimate() {
     fStatus = TQStatus::Warning(GZLStatusCode::InvalidRecordsForLinkFunction);
   if (fpListener != nullptr && criterionAtStart && !fStatus.IsError()) Report(fNHalvingSteps);
   return fStatus;
+}
+
+bool GZLSeqQuad::GEEStepConverged() const {
+  // The parameter criterion of the GEE iterations on the change of the constrained estimates;
+  // without one (a 0 tolerance) the changes must fall below the single-entry threshold.
+  const GZLSettings& s = *fpSettings;
+  const double eps = s.GetGEEPConverge() > 0.0 ? s.GetGEEPConverge() : kZeroThreshold;
+  const bool relative = s.GetGEEPConvergeType() == TQConst::ConvRelative;
+  for (int j = 0; j < fNParams; ++j) {
+    const std::size_t k = static_cast<std::size_t>(j);
+    double change = std::fabs(fvBeta[k] - fvBetaPrev[k]);
+    if (relative) change /= std::fabs(fvBetaPrev[k]) + 1e-6;
+    if (!(change < eps)) return false;
+  }
+  return true;
 }
 
 void GZLSeqQuad::Display() const {

@@ -4,7 +4,9 @@
 //   [H L'; L 0] [delta; lambda] = [-g; r - L theta]
 // (H the Hessian and g the gradient of the log-likelihood at theta), with step-halving on the
 // log-likelihood. The model is reached only through IGZLLLGradHessian, so the same code serves
-// the likelihood-ratio tests and the score tests of any model that implements it.
+// the likelihood-ratio tests and the score tests of any model that implements it. In GEE mode
+// (estimating equations, no likelihood) every Newton step is taken whole and the iterations stop
+// on the change of the estimates, as the GEE fit itself does.
 //
 // theta holds the P regression parameters and, when the scale or the negative binomial k is
 // estimated by maximum likelihood (never for GEE), log(phi) or log(k) as entry P. Constraints
@@ -89,6 +91,9 @@ class GZLSeqQuad {
   // The same, made an ascent direction when the Hessian is not negative definite there.
   bool SolveAscentKKT(const TQSymMatrix& h, const std::vector<double>& g, const std::vector<double>& theta);
   void Report(int halvings);
+  // GEE mode: whether the last step moved every regression parameter less than the GEE
+  // parameter criterion.
+  bool GEEStepConverged() const;
 
   const GZLSettings* fpSettings;
   bool fbGEE;

@@ -12,6 +12,7 @@
 #include "estimation/GZLStatFactory.h"
 #include "gee/GEEDesignMatrix.h"
 #include "gee/GEEOptimizer.h"
+#include "gee/GEEScoreStats.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLModelEffectTest.h"
 #include "inference/GZLScoringEngine.h"
@@ -198,6 +199,8 @@ TQStatus GEEAlgorithm::BuildModel(IGZLRecordSource& source) {
   if (!fbSetupDone) InitializeModel(source);
   fpOptimizer.reset();
   fpInference.reset();
+  fpTypeIScore.reset();
+  fpTypeIIIScore.reset();
   ++fFitCount;
   // A new fit replaces the warnings of the previous one.
   fEstimationWarnings.clear();
@@ -254,8 +257,17 @@ void GEEAlgorithm::RunInference() {
   GZLAlgorithm::AddWarning(fEstimationWarnings, inference);
   // Tests of model effects and marginal means, unless records were refused for the link.
   if (fpOptimizer->IsInvalidForLink()) return;
-  if (fpSettings->GetEffectAnalysisType() != TQConst::EffectNone) RunEffectTests();
-  // The generalized score tests of likelihood-ratio effect analysis follow here.
+  if (fpSettings->GetEffectAnalysisType() != TQConst::EffectNone) {
+    RunEffectTests();
+    if (fStatus.IsOK() && fpOptimizer->GetPhi() > 0.0 &&
+        fpSettings->GetEffectAnalysisStat() == GZLConst_940::EffectStatLR && !RunScoreTests()) {
+      // Cancelled: the operation ends and no partial result is published.
+      fpTypeIScore.reset();
+      fpTypeIIIScore.reset();
+      fStatus = TQStatus::Error(GZLStatusCode::Cancelled);
+      return;
+    }
+  }
   if (fpSettings->GetNEmmeansSpecs() == 0) return;
   // The means on the GEE estimates with the covariance chosen for inference (robust or
   // model-based).
@@ -283,6 +295,36 @@ void GEEAlgorithm::RunEffectTests() {
                                                            fpOptimizer->GetInitRedunInfo(),
                                                            fpInference->GetCovarianceMatrix(), TQMV::Missing, warnings));
   for (const TQStatus& w : warnings) GZLAlgorithm::AddWarning(fEffectTestWarnings, w);
+}
+
+bool GEEAlgorithm::RunScoreTests() {
+  const GZLModelEffectTestData* data = fpInference->GetEffectTestData();
+  const TQConst::TQEffectAnalysisType type = fpSettings->GetEffectAnalysisType();
+  auto run = [&](GZLDefaultModelEffectTest& hypotheses, bool typeI, std::unique_ptr<GEEScoreStats>& keep) {
+    std::vector<TQRectMatrix> L;
+    TQStatus status = TQStatus::Error(GZLStatusCode::LMatrixNotExist);
+    auto tests = std::make_unique<GEEScoreStats>(*fpSettings, *fpOptimizer, typeI);
+    if (data != nullptr && !data->GetStatus().IsError()) {
+      hypotheses.SetData(data);
+      status = hypotheses.ComputeLMatrices(L);
+      if (!status.IsError()) status = tests->Compute(*data, L);
+    }
+    if (status.GetErrorCode() == GZLStatusCode::Cancelled) return false;
+    GZLAlgorithm::AddWarning(fEffectTestWarnings, status);
+    for (const TQStatus& s : tests->GetStatusEff()) GZLAlgorithm::AddWarning(fEffectTestWarnings, s);
+    keep = std::move(tests);
+    return true;
+  };
+  // Type I first, then type III.
+  if (type == TQConst::EffectTypeI || type == TQConst::EffectTypeIAndIII) {
+    GZLModelEffectTestTypeI hypotheses;
+    if (!run(hypotheses, true, fpTypeIScore)) return false;
+  }
+  if (type == TQConst::EffectTypeIII || type == TQConst::EffectTypeIAndIII) {
+    GZLModelEffectTestTypeIII hypotheses;
+    if (!run(hypotheses, false, fpTypeIIIScore)) return false;
+  }
+  return true;
 }
 
 const std::vector<std::vector<int>>* GEEAlgorithm::GetPWCombinations(int emmeansIndex) {

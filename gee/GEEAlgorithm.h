@@ -22,6 +22,7 @@ class GZLAlgorithm;
 class GZLInference;
 class GEEDesignMatrix;
 class GEEOptimizer;
+class GEEScoreStats;
 class GZLScoringEngine;
 class GZLMarginals;
 class TQBitSet;
@@ -77,6 +78,9 @@ class GEEAlgorithm : public IGZLAlgorithm {
   // The marginal means of the last fit that computed them (null when none).
   const GZLMarginals* GetMarginals() const noexcept { return fpMarginals.get(); }
   const GZLCancelInfo& GetCancelInfo() const noexcept { return fCancelInfo; }
+  // The generalized score tests of effects of the last fit (null when not asked for or not run).
+  const GEEScoreStats* GetTypeIScoreStats() const noexcept { return fpTypeIScore.get(); }
+  const GEEScoreStats* GetTypeIIIScoreStats() const noexcept { return fpTypeIIIScore.get(); }
 
  private:
   // Step 5 of the fit: the initial vector (estimates and phi) and the redundancy of the start;
@@ -92,6 +96,9 @@ class GEEAlgorithm : public IGZLAlgorithm {
   void RunInference();
   // Wald tests of model effects on the covariance chosen for inference.
   void RunEffectTests();
+  // Generalized score tests of effects (the likelihood-ratio effect analysis of a GEE model);
+  // false when the host cancelled.
+  bool RunScoreTests();
   void BuildParameterList();
 
   const GZLSettings* fpSettings;
@@ -99,6 +106,8 @@ class GEEAlgorithm : public IGZLAlgorithm {
   std::unique_ptr<GEEDesignMatrix> fpDesignMatrix;
   std::unique_ptr<GEEOptimizer> fpOptimizer;
   std::unique_ptr<GZLInference> fpInference;
+  std::unique_ptr<GEEScoreStats> fpTypeIScore;
+  std::unique_ptr<GEEScoreStats> fpTypeIIIScore;
   std::unique_ptr<GZLOutputStats> fpOutputStats;
   std::vector<GZLEffectInfo> fEffectInfo;
   std::vector<std::vector<int>> fWSCombinations;

@@ -282,6 +282,15 @@ TQStatus GEEOptimizer::EvaluateEstimatingFunction(const std::vector<double>& bet
   return st;
 }
 
+TQStatus GEEOptimizer::EvaluateMiddleMatrix(const std::vector<double>& beta, double phi, TQSymMatrix& M) {
+  if (beta.size() < static_cast<std::size_t>(fNParams)) return TQStatus::Error(GZLStatusCode::InternalError);
+  bool transformed = false;
+  const TQStatus st = fPass.Run(*fpDesign, beta, fR, phi, true, transformed);
+  if (st.IsError()) return st;
+  fPass.GetMiddleMatrix(M);
+  return st;
+}
+
 void GEEOptimizer::Display() const {
   using namespace TQDisplay_940;
   DisplayText(1, "GEEOptimizer display start");

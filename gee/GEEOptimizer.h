@@ -72,6 +72,11 @@ class GEEOptimizer : public GZLOptimizer {
   TQStatus EvaluateEstimatingFunction(const std::vector<double>& beta, double phi, std::vector<double>& U,
                                       TQSymMatrix& H, double& pearson, int& invalid);
 
+  // The robust pass at beta with the fitted R and the given phi, outside the iterations (the
+  // generalized score tests at constrained estimates): the middle matrix M of the sandwich. The
+  // optimizer's own M, Q and matrices do not change.
+  TQStatus EvaluateMiddleMatrix(const std::vector<double>& beta, double phi, TQSymMatrix& M);
+
   void Display() const override;
 
  private:

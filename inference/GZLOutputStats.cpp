@@ -7,6 +7,7 @@
 #include "data/GZLDesignMatrix.h"
 #include "estimation/GZLOptimizer.h"
 #include "gee/GEEAlgorithm.h"
+#include "gee/GEEScoreStats.h"
 #include "gee/GEEDesignMatrix.h"
 #include "gee/GEEOptimizer.h"
 #include "inference/GZLInference.h"
@@ -76,7 +77,9 @@ struct GZLOutputStats::Impl {
     TQStatus status = TQStatus::Error(GZLStatusCode::NoValidLRTests);
     std::vector<TQStatus> statusEff;
     std::vector<GZLConst_940::StoppingCriteria> criteria;
-    void CopyFrom(const GZLLRStatsBase* lr) {
+    // From the likelihood-ratio tests of a GLM or the generalized score tests of a GEE model.
+    template <class Tests>
+    void CopyFrom(const Tests* lr) {
       if (lr == nullptr) return;
       stats = lr->GetStats();
       status = lr->GetStatus();
@@ -230,6 +233,8 @@ GZLOutputStats::GZLOutputStats(const GZLSettings& settings, const GEEAlgorithm& 
   if (const GEEOptimizer* opt = algorithm.GetGEEOptimizer()) {
     m.CopyOptimizer(settings, *opt);
     m.fWorkCorrelation = opt->GetWorkCorrelation();
+    m.fTypeILR.CopyFrom(algorithm.GetTypeIScoreStats());
+    m.fTypeIIILR.CopyFrom(algorithm.GetTypeIIIScoreStats());
     m.fMaxGroupSize = opt->GetCorrDimension();
   }
 

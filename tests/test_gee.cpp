@@ -22,6 +22,7 @@
 #include "gee/GEELLGradHessian.h"
 #include "gee/GEEOptimizer.h"
 #include "gee/GEEQuasiLikelihood.h"
+#include "gee/GEEScoreStats.h"
 #include "gee/GEEWorkCorrelation.h"
 #include "inference/GZLInference.h"
 #include "inference/GZLModelEffectTest.h"
@@ -29,6 +30,7 @@
 #include "gee_fit.h"
 #include "output_reference_models.h"
 #include "support/TQDisplay_940.h"
+#include "support/TQDistFun.h"
 
 using output_test::ApplyGeeKeys;
 using output_test::LoadCase;
@@ -565,4 +567,198 @@ TEST(GEE, WaldTestsOfEffectsOnTheChosenCovariance) {
     ++checked;
   }
   EXPECT_EQ(checked, 2);
+}
+
+namespace {
+
+// Poisson counts y, subject, time, a three-level factor, a covariate x and 2x, for `subjects`
+// subjects of four occasions, with a subject effect that correlates each subject's counts.
+std::vector<std::vector<double>> CountData(int subjects) {
+  std::vector<std::vector<double>> rows;
+  unsigned state = 12345u;
+  for (int i = 0; i < subjects; ++i)
+    for (int t = 0; t < 4; ++t) {
+      const int a = (i + t) % 3;
+      const double x = std::sin(1.3 * i + 0.7 * t);
+      const double mu = std::exp(0.4 + 0.3 * (a == 1) + 0.25 * x + 0.3 * std::cos(2.1 * i));
+      // Poisson by inversion of the cdf.
+      state = state * 1103515245u + 12345u;
+      const double u = ((state >> 8) & 0xFFFFFF) / double(1 << 24);
+      double p = std::exp(-mu), cdf = p;
+      int y = 0;
+      while (u > cdf && y < 100) cdf += (p *= mu / ++y);
+      rows.push_back({double(y), double(i), double(t), double(a), x, 2.0 * x});
+    }
+  return rows;
+}
+
+// A Poisson GEE with the independence structure: effects of the given variables (3 the factor,
+// 4 and 5 covariates) in order, generalized score tests of type I and III.
+GZLSettings CountModel(const std::vector<int>& effects, const std::vector<int>& vars) {
+  GZLSettings s;
+  s.SetGZLModelType(GZLConst_940::GEE);
+  s.SetDistType(TQConst::DistPoisson);
+  s.SetLinkType(TQConst::LinkLog);
+  s.SetScaleType(GZLConst_940::ScaleFixed);
+  s.SetDependent(0);
+  s.SetInterceptUse(true);
+  s.AddFactor(3, 3);
+  s.AddCovariate(4);
+  s.AddCovariate(5);
+  for (int v : effects) {
+    GZLModelEffect e(1, 2, &vars);
+    if (v == 3) e.AddNewFactor(3, false); else e.AddCovariate(v);
+    s.AddModelEffect(e);
+  }
+  s.AddGEESubjectVar(1, 200);
+  s.AddGEEWSVar(2, 10);
+  s.SetGEECorrType(GZLConst_940::Independent);
+  s.SetGEEPConverge(1e-12);
+  s.SetEffectAnalysisType(TQConst::EffectTypeIAndIII);
+  s.SetEffectAnalysisStat(GZLConst_940::EffectStatLR);
+  return s;
+}
+
+// The generalized score statistic from its parts, computed here at b0 (the full model's
+// layout, columns intercept, a0, a1, a2, x, 2x): U, A and the subject sums M of the Poisson log
+// model under independence over the non-redundant columns `cols`, and S = u' V^- u with
+// u = L A^- U and V = L A^- M A^- L', L selecting the columns `tested`.
+double ScoreFromParts(const std::vector<std::vector<double>>& rows, const std::vector<double>& b0,
+                      const std::vector<int>& cols, const std::vector<int>& tested) {
+  const int n = static_cast<int>(cols.size());
+  std::vector<double> U(n, 0.0), subject(n, 0.0);
+  TQSymMatrix A(n, 0.0), M(n, 0.0);
+  auto flush = [&]() {
+    for (int i = 0; i < n; ++i)
+      for (int k = 0; k <= i; ++k) M(i, k) += subject[i] * subject[k];
+    std::fill(subject.begin(), subject.end(), 0.0);
+  };
+  for (std::size_t r = 0; r < rows.size(); ++r) {
+    const auto& row = rows[r];
+    if (r > 0 && row[1] != rows[r - 1][1]) flush();
+    const double full[] = {1.0, double(row[3] == 0), double(row[3] == 1), double(row[3] == 2), row[4], row[5]};
+    std::vector<double> x(n);
+    double eta = 0.0;
+    for (int i = 0; i < n; ++i) {
+      x[i] = full[cols[i]];
+      eta += x[i] * b0[static_cast<std::size_t>(cols[i])];
+    }
+    const double mu = std::exp(eta);
+    for (int i = 0; i < n; ++i) {
+      U[i] += x[i] * (row[0] - mu);
+      subject[i] += x[i] * (row[0] - mu);
+      for (int k = 0; k <= i; ++k) A(i, k) += mu * x[i] * x[k];
+    }
+  }
+  flush();
+  std::vector<double> diagonal;
+  A.GetDiagonal(diagonal);
+  TQSymMatrix Ainv, sigma, V, Vinv;
+  TQBitSet set;
+  EXPECT_EQ(A.CholInverse(diagonal, 1e-12, Ainv, set), n);
+  TQRectMatrix L(static_cast<int>(tested.size()), n, 0.0), LA;
+  for (std::size_t i = 0; i < tested.size(); ++i)
+    L(static_cast<int>(i), static_cast<int>(std::find(cols.begin(), cols.end(), tested[i]) - cols.begin())) = 1.0;
+  std::vector<double> u;
+  EXPECT_TRUE(Ainv.ComputeGMG(M, sigma) && sigma.ComputeRSRTrans(L, V) && Ainv.ComputeRS(L, LA) &&
+              LA.ComputeRV(U, u));
+  V.GetDiagonal(diagonal);
+  EXPECT_EQ(V.CholInverse(diagonal, 1e-12, Vinv, set), static_cast<int>(tested.size()));
+  return Vinv.ComputeVSV(u);
+}
+
+}  // namespace
+
+TEST(GEE, GeneralizedScoreTestsOfEffects) {
+  const auto rows = CountData(40);
+  const std::vector<int> vars{3, 4, 5};
+  GZLMemorySource source(rows);
+  Fit f = RunFit(CountModel({3, 4}, vars), source);
+  ASSERT_TRUE(f.algorithm->IsModelBuilt());
+  ASSERT_NE(f.stats, nullptr);
+  const auto* gee = dynamic_cast<const GEEAlgorithm*>(f.algorithm.get());
+  const GZLModelEffectTestData* data = gee->GetInference()->GetEffectTestData();
+  ASSERT_NE(data, nullptr);
+  const auto& type1 = f.stats->GetTypeILRStats();
+  const auto& type3 = f.stats->GetTypeIIILRStats();
+  ASSERT_EQ(type3.size(), static_cast<std::size_t>(data->GetNumTests()));
+  EXPECT_TRUE(f.stats->GetTypeIIILRStatus().IsOK());
+  EXPECT_TRUE(f.stats->GetTypeILRStatus().IsOK());
+
+  // Each effect against the reduced model fitted directly as a GEE: its estimates are the
+  // constrained ones (the dropped columns at 0), and S follows from U, A and M there.
+  struct Case { int effect, keep; std::vector<int> tested, cols; double df; };
+  const Case cases[] = {{0, 4, {1, 2}, {0, 1, 2, 4}, 2.0}, {1, 3, {4}, {0, 1, 2, 4}, 1.0}};
+  for (const Case& c : cases) {
+    int t = 0;
+    while (t < data->GetNumTests() && data->GetSettingsEffect(t) != c.effect) ++t;
+    ASSERT_LT(t, data->GetNumTests());
+    GZLMemorySource reducedSource(rows);
+    Fit reduced = RunFit(CountModel({c.keep}, vars), reducedSource);
+    ASSERT_TRUE(reduced.algorithm->IsModelBuilt());
+    const std::vector<double>& r = reduced.stats->GetParamEstimates();
+    std::vector<double> b0(6, 0.0);
+    if (c.keep == 4) {
+      b0[0] = r[0];
+      b0[4] = r[1];
+    } else {
+      for (int j = 0; j < 4; ++j) b0[static_cast<std::size_t>(j)] = r[static_cast<std::size_t>(j)];
+    }
+    const std::vector<double>& constrained =
+        gee->GetTypeIIIScoreStats()->GetConstrainedEstimates()[static_cast<std::size_t>(t)];
+    for (int j = 0; j < 5; ++j) EXPECT_NEAR(constrained[static_cast<std::size_t>(j)], b0[static_cast<std::size_t>(j)], 1e-7) << j;
+    const double S = ScoreFromParts(rows, b0, c.cols, c.tested);
+    const auto& v = type3[static_cast<std::size_t>(t)];
+    EXPECT_NEAR(v[0], S, 1e-6 * S) << c.effect;
+    EXPECT_EQ(v[1], c.df);
+    EXPECT_NEAR(v[2], 1.0 - TQDistFun::CdfChi(S, c.df), 1e-9);
+    for (int j = 3; j < 7; ++j) EXPECT_TRUE(TQMV::IsMissing(v[static_cast<std::size_t>(j)]));
+    EXPECT_TRUE(f.stats->GetTypeIIILRStatusEff()[static_cast<std::size_t>(t)].IsOK());
+    // The last effect's sequential hypothesis is its type III one.
+    if (c.effect == 1) {
+      EXPECT_NEAR(type1[static_cast<std::size_t>(t)][0], v[0], 1e-8 * v[0]);
+    }
+  }
+
+  // 2x after x adds nothing: no hypothesis, 130083, while x keeps its test.
+  GZLMemorySource aliasedSource(rows);
+  Fit aliased = RunFit(CountModel({3, 4, 5}, vars), aliasedSource);
+  ASSERT_NE(aliased.stats, nullptr);
+  const auto* ag = dynamic_cast<const GEEAlgorithm*>(aliased.algorithm.get());
+  const GZLModelEffectTestData* ad = ag->GetInference()->GetEffectTestData();
+  for (int t = 0; t < ad->GetNumTests(); ++t) {
+    const int e = ad->GetSettingsEffect(t);
+    if (e < 0) continue;
+    const TQStatus s1 = aliased.stats->GetTypeILRStatusEff()[static_cast<std::size_t>(t)];
+    if (e == 2) {
+      EXPECT_EQ(s1.GetErrorCode(), GZLStatusCode::LMatrixNotExist);
+    } else {
+      EXPECT_FALSE(s1.IsError()) << e;
+    }
+  }
+}
+
+TEST(GEE, GeneralizedScoreTestsCancelled) {
+  const auto rows = CountData(30);
+  const std::vector<int> vars{3, 4, 5};
+  // Polls of a fit with Wald tests only, then of one with the score tests: a cancel among the
+  // latter's extra polls falls in the refits.
+  auto polls = [&](GZLConst_940::EffectAnalysisStat stat) {
+    CancelAfter counter(1 << 30);
+    GZLSettings s = CountModel({3, 4}, vars);
+    s.SetEffectAnalysisStat(stat);
+    s.SetCancelPointer(&counter);
+    GZLMemorySource source(rows);
+    EXPECT_TRUE(RunFit(s, source).algorithm->IsModelBuilt());
+    return (1 << 30) - counter.Left();
+  };
+  const int wald = polls(GZLConst_940::EffectStatWald), score = polls(GZLConst_940::EffectStatLR);
+  ASSERT_GT(score, wald + 100);
+  CancelAfter cancel((wald + score) / 2);
+  GZLSettings s = CountModel({3, 4}, vars);
+  s.SetCancelPointer(&cancel);
+  GZLMemorySource source(rows);
+  Fit f = RunFit(s, source);
+  EXPECT_EQ(f.status.GetErrorCode(), GZLStatusCode::Cancelled);
+  EXPECT_FALSE(f.algorithm->IsModelBuilt());
 }

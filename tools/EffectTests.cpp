@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "GZLOutputStats.h"
+#include "tools/GeeModel.h"
 #include "tools/JsonWriter.h"
 #include "tools/StatusText.h"
 #include "tools/TextTable.h"
@@ -154,17 +155,19 @@ void GatherEffectTests(const FitOptions& o, const std::vector<ModelTerm>& terms,
   report.nominal = o.distribution == TQConst::DistNominalMultinomial;
   report.likelihoodRatio = o.effectStatistic == GZLConst_940::EffectStatLR;
   if (!report.likelihoodRatio) return;
+  report.generalizedScore = IsGeeFit(o);
   if (report.typeI) report.lr1 = LRRowsOf(o, terms, stats.GetTypeILRStats(), stats.GetTypeILRStatusEff());
   if (report.typeIII) report.lr3 = LRRowsOf(o, terms, stats.GetTypeIIILRStats(), stats.GetTypeIIILRStatusEff());
 }
 
 void WriteEffectTestsText(std::ostream& out, const EffectTestsReport& report) {
   if (report.likelihoodRatio) {
+    const std::string kind = report.generalizedScore ? "generalized score" : "likelihood ratio";
     if (report.typeI)
-      WriteLRTable(out, "\nTests of model effects (likelihood ratio, type I: each effect after those above it)",
+      WriteLRTable(out, "\nTests of model effects (" + kind + ", type I: each effect after those above it)",
                    report.lr1);
     if (report.typeIII)
-      WriteLRTable(out, "\nTests of model effects (likelihood ratio, type III: each effect adjusted for all others)",
+      WriteLRTable(out, "\nTests of model effects (" + kind + ", type III: each effect adjusted for all others)",
                    report.lr3);
   } else {
     if (report.typeI) {

@@ -33,6 +33,8 @@ struct EffectTestsReport {
   bool typeI = false;
   bool typeIII = false;
   bool likelihoodRatio = false;
+  // A GEE fit answers the likelihood-ratio analysis with generalized score tests.
+  bool generalizedScore = false;
   // A nominal response: each effect is tested over all logits at once.
   bool nominal = false;
   std::vector<EffectTestRow> type1;

@@ -148,8 +148,6 @@ bool CheckGeeOptions(const FitOptions& o, std::string& error) {
     return true;
   }
   // What rests on a likelihood, which a GEE fit does not have.
-  if (o.effectStatistic == GZLConst_940::EffectStatLR)
-    return Fail(error, "--effect-statistic lr: GEE models have no likelihood (use the Wald tests)");
   if (o.ciType == GZLConst_940::Profile)
     return Fail(error, "--ci profile: GEE models have no likelihood (use the Wald intervals)");
   if (o.overdispersionTest) return Fail(error, "--overdispersion-test does not apply to GEE models");
