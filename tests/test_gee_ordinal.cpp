@@ -437,3 +437,25 @@ TEST(GEEOrdinal, FrequencyWeightsAndHostInitialValues) {
     output_test::ExpectRel(c->expected["parameters"][j]["estimate"], h.stats->GetParamEstimates()[j], "estimate", 1e-6,
                            1e-8);
 }
+
+TEST(GEEOrdinal, GeneralizedScoreTestsOfEffects) {
+  // The tests run on the ordinal contrasts: each effect gets a statistic with the full-rank
+  // hypothesis's rows as df, and the last effect's type I test is its type III test.
+  auto c = output_test::LoadCase(GeeDir() + "/expected/simord_cumlogit_independent.json", 1e-10, GeeDir() + "/data");
+  output_test::ApplyGeeKeys(*c);
+  c->settings.SetEffectAnalysisType(TQConst::EffectTypeIAndIII);
+  c->settings.SetEffectAnalysisStat(GZLConst_940::EffectStatLR);
+  Fit f = RunFit(c->settings, *c->source);
+  ASSERT_NE(f.stats, nullptr);
+  const auto& type1 = f.stats->GetTypeILRStats();
+  const auto& type3 = f.stats->GetTypeIIILRStats();
+  ASSERT_FALSE(type3.empty());
+  ASSERT_EQ(type1.size(), type3.size());
+  EXPECT_TRUE(f.stats->GetTypeIIILRStatus().IsOK());
+  for (std::size_t e = 0; e < type3.size(); ++e) {
+    EXPECT_TRUE(f.stats->GetTypeIIILRStatusEff()[e].IsOK()) << e;
+    EXPECT_GT(type3[e][0], 0.0);
+    EXPECT_GE(type3[e][1], 1.0);
+  }
+  EXPECT_NEAR(type1.back()[0], type3.back()[0], 1e-8 * type3.back()[0]);
+}

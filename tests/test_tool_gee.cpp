@@ -195,6 +195,24 @@ TEST(ToolGee, SortedSubjectsAndTextTables) {
                            "Standard errors of both covariances (inference uses the robust one)", "age=3"})
     EXPECT_NE(run.out.find(text), std::string::npos) << text;
   EXPECT_EQ(run.out.find("Omnibus test"), std::string::npos);
+
+  // The likelihood-ratio analysis of a GEE model: generalized score tests, equal for the last
+  // effect in both types.
+  o.effectTests = TQConst::EffectTypeIAndIII;
+  o.effectStatistic = GZLConst_940::EffectStatLR;
+  run = RunTool(o);
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_NE(run.out.find("Tests of model effects (generalized score, type III"), std::string::npos);
+  o.json = true;
+  run = RunTool(o);
+  ASSERT_EQ(run.code, 0) << run.err;
+  const json doc = json::parse(run.out);
+  ASSERT_FALSE(doc["lr_type3"].empty());
+  const json& last1 = doc["lr_type1"].back();
+  const json& last3 = doc["lr_type3"].back();
+  EXPECT_EQ(last3["status"], 0);
+  EXPECT_GT(last3["chisq"].get<double>(), 0.0);
+  EXPECT_NEAR(last1["chisq"].get<double>(), last3["chisq"].get<double>(), 1e-8 * last3["chisq"].get<double>());
   std::filesystem::remove(shuffled);
 }
 
