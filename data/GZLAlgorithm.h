@@ -137,7 +137,7 @@ class GZLAlgorithm : public IGZLAlgorithm {
   void RunInference();
   // The shared data of the Wald tests of effects: X'WX of the fit (one pass) and the layout.
   TQStatus PrepareEffectTests();
-  // The marginal means of the settings' specifications on the fit; statuses to the
+  // The marginal means of the settings' requests on the fit; statuses to the
   // marginal-means warnings.
   void RunMarginalMeans();
   // The likelihood-ratio tests of effects the settings ask for; false when the host cancelled.

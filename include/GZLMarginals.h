@@ -2,12 +2,12 @@
 // Estimated marginal means of a fitted model, with contrasts, pairwise comparisons and overall
 // tests of the compared factor.
 //
-// For each marginal-means specification of the settings the object builds a matrix L with one
-// row per combination of the categories of the specification's factors and one column per
+// For each marginal-means request of the settings the object builds a matrix L with one
+// row per combination of the categories of the request's factors and one column per
 // parameter, so that each mean is l'b:
 // - complete design (every combination of the observed categories of each effect's factors is
-//   a column): the levels of the factors outside the specification are averaged with equal
-//   weights, and the covariates are held at the specification's values or at their means;
+//   a column): the levels of the factors outside the request are averaged with equal
+//   weights, and the covariates are held at the request's values or at their means;
 // - otherwise the levels of the other factors are weighted by their observed frequencies within
 //   each combination (one pass over the data counts them), and a combination without records
 //   has no mean.
@@ -15,17 +15,17 @@
 // mean -/+ q se) or of the response (g^-1 of the linear predictor, standard error by the delta
 // method, limits g^-1 of the linear predictor's limits, in increasing order).
 //
-// The rows of a specification fall into tables, one per combination of the categories of its
+// The rows of a request fall into tables, one per combination of the categories of its
 // factors other than the compare factor; a table compares the levels of the compare factor by
-// the specification's contrast (individual tests and the overall test of equal means) or by all
+// the request's contrast (individual tests and the overall test of equal means) or by all
 // pairwise differences with the p-value adjustment asked for (none, Bonferroni, sequential
 // Bonferroni, Sidak, sequential Sidak). On the response scale the contrasts are of the means of
 // the response, with the covariance of the delta method.
 //
 // Protocol (the algorithm drives it): construct, ComputeEmmeans, SetEmmeansTesting; then the
-// getters. A specification with an error status has no results; a warning leaves it usable.
-// Indices of specifications outside the list give InvalidEmmeansIndex (130039), indices of
-// tables outside a specification's tables InvalidEmmeansTestIndex (130040).
+// getters. A request with an error status has no results; a warning leaves it usable.
+// Indices of requests outside the list give InvalidEmmeansIndex (130039), indices of
+// tables outside a request's tables InvalidEmmeansTestIndex (130040).
 #include <memory>
 #include <utility>
 #include <vector>
@@ -72,10 +72,10 @@ class GZLMarginals {
   GZLMarginals& operator=(const GZLMarginals&) = delete;
   ~GZLMarginals();
 
-  // Validates the specifications and builds their L matrices and tables (an incomplete design
+  // Validates the requests and builds their L matrices and tables (an incomplete design
   // takes one pass over the data). Returns an error that stops everything (1 when the host
   // cancelled, NewPass when the data cannot be read again, LMatrixEmpty for a multinomial
-  // model, which has no marginal means), else OK; the statuses of single specifications are
+  // model, which has no marginal means), else OK; the statuses of single requests are
   // read with GetSpecStatus.
   TQStatus ComputeEmmeans();
   // The covariance of the estimates (P x P; the object keeps a copy) and, from the output
@@ -85,28 +85,28 @@ class GZLMarginals {
 
   TQStatus GetStatus() const noexcept { return fStatus; }
   int GetNEmmeansSpecs() const noexcept { return static_cast<int>(fSpecs.size()); }
-  // The status of a specification (130039 for an index out of range). Warnings: 130035 (the
+  // The status of a request (130039 for an index out of range). Warnings: 130035 (the
   // compare factor has one observed category), 130037 (polynomial metric longer than the
   // levels), 130038 (reference category not observed; the last level is used). Errors: 130036
   // (polynomial metric shorter than the levels, or not all different), 130039 (a factor or
   // covariate that is not in the model, or a compare factor that is not among the factors),
   // 130035 (no table of an incomplete design has two levels of the compare factor).
   TQStatus GetSpecStatus(int spec) const;
-  // The statuses of a specification's tables (130041, 130042, 130043), each once.
+  // The statuses of a request's tables (130041, 130042, 130043), each once.
   const std::vector<TQStatus>& GetTableWarnings(int spec) const;
-  // Adds the warnings of ComputeEmmeans (the specifications' and their tables') to a driver's
+  // Adds the warnings of ComputeEmmeans (the requests' and their tables') to a driver's
   // list, each once.
   void AddWarnings(std::vector<TQStatus>& warnings) const;
   // Whether the means weight the levels of the other factors equally (a complete design).
   bool IsDesignComplete() const noexcept { return fbCompleteDesign; }
 
-  // The means of a specification, one per row of L, with the specification as used (missing
+  // The means of a request, one per row of L, with the request as used (missing
   // covariate values replaced by the means, the default polynomial metric filled in) and L.
-  // The categories of each mean are listed in the order of the specification's factors.
+  // The categories of each mean are listed in the order of the request's factors.
   TQStatus GetEmmeansStats(int spec, const TQEmmeansSpec*& specOut, const TQRectMatrix*& L,
                            std::vector<TQEmmeansStats>& stats) const;
 
-  // The tables of a specification: 0 when it has no compare factor or no contrast type.
+  // The tables of a request: 0 when it has no compare factor or no contrast type.
   int GetNEmmeansTests(int spec, TQStatus& status) const;
   // The contrast tests of table `test`: the other factors' (variable, category) pairs, the
   // compared categories, the contrast matrix (one row per contrast, one column per compared
@@ -125,8 +125,8 @@ class GZLMarginals {
   // The joint test that the means of the table are equal.
   TQStatus GetPairwiseOverallTest(int spec, int test, std::vector<std::pair<int, int>>& others,
                                   TQTestStats& overall) const;
-  // One list per table: the category of each factor of the specification in that table, -1 at
-  // the compare factor. False for a bad index or a specification with an error.
+  // One list per table: the category of each factor of the request in that table, -1 at
+  // the compare factor. False for a bad index or a request with an error.
   bool GetPWCombinations(int spec, std::vector<std::vector<int>>& combinations) const;
   // A driver's GetPWCombinations: its marginal means, made and computed on the first request
   // when the fit did not make them and `canMake` allows it (a built model without records
@@ -158,7 +158,7 @@ class GZLMarginals {
  private:
   struct Table {
     std::vector<std::pair<int, int>> fOthers;  // (factor variable, category)
-    std::vector<int> fOtherLevels;             // categories per factor of the spec, -1 at the compare factor
+    std::vector<int> fOtherLevels;             // categories per factor of the request, -1 at the compare factor
     std::vector<int> fRows;                    // rows of L in increasing order of the compared category
     std::vector<int> fLevels;                  // the compared categories
     TQStatus fStatus;                          // a table that cannot be tested keeps an error
@@ -166,7 +166,7 @@ class GZLMarginals {
   struct Spec {
     TQEmmeansSpec fSpec;  // as used
     TQStatus fStatus;
-    int fCompare = -1;  // position of the compare factor among the spec's factors
+    int fCompare = -1;  // position of the compare factor among the request's factors
     TQRectMatrix fL;
     std::vector<std::vector<int>> fRowLevels;
     std::vector<Table> fTables;
@@ -175,7 +175,7 @@ class GZLMarginals {
   struct IncompleteCounts;
 
   TQStatus ValidateSpec(Spec& s) const;
-  // c_e of every effect: the product of its covariates at the spec's values (or means).
+  // c_e of every effect: the product of its covariates at the request's values (or means).
   std::vector<double> ComputeCovarExpressions(const Spec& s) const;
   TQStatus SetCompleteLMatrix(Spec& s);
   TQStatus ComputeIncompleteCounts(IncompleteCounts& counts);
@@ -187,7 +187,7 @@ class GZLMarginals {
   TQRectMatrix TableRows(const Spec& s, const Table& t) const;
   TQStatus RunTests(const Spec& s, const TQRectMatrix& C, const TQRectMatrix& L, int nComparisons, double quantile,
                     TQTestStats* overall, std::vector<TQTestStats>* individual) const;
-  // The specification and table, or an index error.
+  // The request and table, or an index error.
   TQStatus FindTable(int spec, int test, const Spec*& s, const Table*& t) const;
   int FactorPosition(int variable) const;
   int CovariatePosition(int variable) const;

@@ -296,7 +296,7 @@ class GZLSettings : public TQLogRegSettings {
   void ReleaseDependent() noexcept;
   bool AddGroupingVar(int index, int size, std::vector<int>& vars, std::vector<int>& sizes);
 
-  // Model specification.
+  // Model request.
   GZLConst_940::ModelType fModelType = GZLConst_940::GZLM;
   std::vector<double> fInitParams;
   double fInitDistParam = TQMV::Missing;

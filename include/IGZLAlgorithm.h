@@ -51,7 +51,7 @@ class IGZLAlgorithm {
   virtual const std::vector<GZLEffectInfo>& GetEffectInfo() const = 0;
   // Within-subject combinations (GEE only; null for GZLM).
   virtual const std::vector<std::vector<int>>* GetWSCombinations() const = 0;
-  // Pairwise combinations of a marginal-means specification, or null.
+  // Pairwise combinations of a marginal-means request, or null.
   virtual const std::vector<std::vector<int>>* GetPWCombinations(int emmeansIndex) = 0;
   // ModelNotBuilt (also left as the stored status) unless the model is built; the out-pointer
   // is then left untouched.

@@ -43,8 +43,8 @@ struct TQEmmeansSpec {
   void Display() const;
 };
 
-// One estimated marginal mean: the categories of the specification's factors (in the
-// specification's order), the mean, its standard error and confidence limits.
+// One estimated marginal mean: the categories of the request's factors (in the
+// request's order), the mean, its standard error and confidence limits.
 struct TQEmmeansStats {
   std::vector<int> fLevels;
   double fEstimate = TQMV::Missing;

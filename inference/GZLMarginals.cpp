@@ -48,8 +48,8 @@ void Keep(TQStatus& kept, const TQStatus& status) {
 
 }  // namespace
 
-// The frequencies of an incomplete design, per specification: for every combination of the
-// specification's factors that occurs, the weight of its records in total and per design
+// The frequencies of an incomplete design, per request: for every combination of the
+// request's factors that occurs, the weight of its records in total and per design
 // column. Two counts of disjoint records merge into the count of both.
 struct GZLMarginals::IncompleteCounts {
   struct Cell {
@@ -87,7 +87,7 @@ GZLMarginals::GZLMarginals(const GZLSettings& settings, const IGZLAlgorithm& alg
     fSpecs.emplace_back();
     fSpecs.back().fSpec = spec;
   }
-  // The first specification's adjustment governs the model tests of all of them.
+  // The first request's adjustment governs the model tests of all of them.
   if (!fSpecs.empty()) fPAdjust = fSpecs.front().fSpec.GetPAdjust();
   const GZLOptimizer* optimizer = algorithm.GetOptimizer();
   if (fpLink && optimizer != nullptr && settings.GetLinkType() == TQConst::LinkNegBinomial && Usable(optimizer->GetK()))
@@ -249,7 +249,7 @@ std::vector<double> GZLMarginals::ComputeCovarExpressions(const Spec& s) const {
 TQStatus GZLMarginals::SetCompleteLMatrix(Spec& s) {
   const std::vector<int>& factors = s.fSpec.GetFactors();
   std::vector<std::vector<int>> lists;
-  std::vector<int> position(fFactors.size(), -1);  // settings factor -> position in the spec
+  std::vector<int> position(fFactors.size(), -1);  // settings factor -> position in the request
   for (std::size_t i = 0; i < factors.size(); ++i) {
     const int pos = FactorPosition(factors[i]);
     lists.push_back(fObservedCategories[static_cast<std::size_t>(pos)]);
@@ -261,7 +261,7 @@ TQStatus GZLMarginals::SetCompleteLMatrix(Spec& s) {
   const int p = static_cast<int>(parameters.size());
 
   // n_e: the number of combinations of the observed categories of the effect's factors outside
-  // the specification, over which the mean averages with equal weights.
+  // the request, over which the mean averages with equal weights.
   std::vector<double> weights(effects.size(), 0.0);
   std::vector<bool> covered(static_cast<std::size_t>(p), false);
   for (std::size_t e = 0; e < effects.size() && e < fModelEffects.size(); ++e) {
@@ -310,7 +310,7 @@ TQStatus GZLMarginals::ComputeIncompleteCounts(IncompleteCounts& counts) {
   const TQStatus begin = design.BeginPass();
   if (begin.IsError()) return begin;
 
-  // Per effect a key buffer for the column lookup; per specification its factors' fields.
+  // Per effect a key buffer for the column lookup; per request its factors' fields.
   std::vector<std::vector<int>> keys;
   for (int e = 0; e < design.GetNumEffects(); ++e)
     keys.emplace_back(static_cast<std::size_t>(design.GetEffect(e).GetNFactors()), 0);
@@ -358,7 +358,7 @@ void GZLMarginals::SetIncompleteLMatrix(Spec& s, const IncompleteCounts& counts,
       factor[j] = expressions[e];
     }
   // Each combination with records is a row: the average design row of its records, with the
-  // covariates at the specification's values.
+  // covariates at the request's values.
   s.fL = TQRectMatrix(0, p);
   s.fRowLevels.clear();
   std::vector<double> row(static_cast<std::size_t>(p));
@@ -816,8 +816,8 @@ void GZLMarginals::Display() const {
   GZLComponentDisplay_940::DisplayStatus("Status", fStatus);
   for (std::size_t i = 0; i < fSpecs.size(); ++i) {
     const Spec& s = fSpecs[i];
-    DisplayI("Emmeans specification", static_cast<int>(i));
-    GZLComponentDisplay_940::DisplayStatus("Specification status", s.fStatus);
+    DisplayI("Emmeans request", static_cast<int>(i));
+    GZLComponentDisplay_940::DisplayStatus("Request status", s.fStatus);
     DisplayI("Number of tables", static_cast<int>(s.fTables.size()));
     s.fL.Display("L matrix");
   }

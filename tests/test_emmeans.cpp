@@ -1,5 +1,5 @@
 // Estimated marginal means: means, contrasts, overall tests and pairwise comparisons against
-// the reference cases; the statuses of specifications and tables; an incomplete design (an
+// the reference cases; the statuses of requests and tables; an incomplete design (an
 // empty cell); covariates at their means and at given values; the p-value adjustments on
 // hand-checked significances; the contrast matrices.
 #include <gtest/gtest.h>
@@ -63,7 +63,7 @@ TQConst::TQPAdjustMethod Adjustment(const std::string& name) {
 }
 
 // The reference model (GZLM, or GEE with the GEE keys) with its marginal-means requests as
-// specifications.
+// requests.
 std::unique_ptr<ReferenceCase> LoadEmmeansCase(const nlohmann::json& j) {
   const bool gee = j["model"].value("model_type", std::string()) == "gee";
   auto c = LoadCase(j, 1e-10, gee ? output_test::RefDir() + "/gee/data" : "");
@@ -320,9 +320,9 @@ bool Listed(const std::vector<TQStatus>& list, int code) {
 
 }  // namespace
 
-// The statuses of specifications, tables and indices; a specification in error has no results
+// The statuses of requests, tables and indices; a request in error has no results
 // while the others keep theirs.
-TEST(Emmeans, SpecificationStatuses) {
+TEST(Emmeans, RequestStatuses) {
   using S = SmallModel;
   SmallModel m;
   std::vector<TQEmmeansSpec> specs;
@@ -471,7 +471,7 @@ TEST(Emmeans, IncompleteDesignEmptyCell) {
   EXPECT_EQ(again.ComputeEmmeans().GetErrorCode(), GZLStatusCode::NewPass);
 }
 
-// Covariates: at their means unless the specification gives a value; a factor-by-covariate
+// Covariates: at their means unless the request gives a value; a factor-by-covariate
 // effect takes the value too.
 TEST(Emmeans, CovariatesAtMeansOrGivenValues) {
   using S = SmallModel;

@@ -1,6 +1,6 @@
 #pragma once
 // Estimated marginal means in the tool's output: the --emmeans requests as the engine's
-// specifications, and per request the means of its cells, then per combination of the other
+// requests, and per request the means of its cells, then per combination of the other
 // factors the contrasts or the pairwise comparisons of the compared factor with the overall test
 // of equal means, as readable tables or as the JSON array "emmeans".
 //
@@ -29,7 +29,7 @@ struct EmmeansRequest {
 bool ParseEmmeansRequests(const FitOptions& options, std::vector<EmmeansRequest>& requests, std::string& error);
 // Every --emmeans option, before the data are read.
 bool CheckEmmeansOptions(const FitOptions& options, std::string& error);
-// The specifications and the test type into the settings; false with a message when the
+// The requests and the test type into the settings; false with a message when the
 // reference category is not a category of a compared factor.
 bool SetEmmeansSettings(const FitOptions& options, const CsvTable& table, GZLSettings& settings, std::string& error);
 
